@@ -1,0 +1,93 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace zel::platform {
+namespace {
+
+int openRetrying(const char *path, int flags) noexcept {
+  int file;
+  do {
+    file = ::open(path, flags | O_CLOEXEC, 0666);
+  } while (file < 0 && errno == EINTR);
+  return file;
+}
+
+// GNU and XSI strerror_r differ in their result; both are served.
+[[maybe_unused]] const char *pickText(const char *gnuResult, char *) noexcept {
+  return gnuResult;
+}
+[[maybe_unused]] const char *pickText(int xsiResult, char *buffer) noexcept {
+  return xsiResult == 0 ? buffer : "Unknown error";
+}
+
+}  // namespace
+
+int openForReading(const char *path) noexcept {
+  return openRetrying(path, O_RDONLY);
+}
+int openForUpdate(const char *path) noexcept {
+  return openRetrying(path, O_RDWR);
+}
+int createForWriting(const char *path) noexcept {
+  return openRetrying(path, O_WRONLY | O_CREAT | O_TRUNC);
+}
+
+void closeFile(int file) noexcept {
+  if (file >= 0) ::close(file);
+}
+
+bool readAt(int file, void *buffer, size_t count, int64_t position) noexcept {
+  auto *bytes = static_cast<char *>(buffer);
+  while (count > 0) {
+    ssize_t done = ::pread(file, bytes, count, static_cast<off_t>(position));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) {
+      if (done == 0) errno = EIO;
+      return false;
+    }
+    bytes += done;
+    count -= static_cast<size_t>(done);
+    position += done;
+  }
+  return true;
+}
+
+bool writeAt(int file, const void *buffer, size_t count, int64_t position) noexcept {
+  const auto *bytes = static_cast<const char *>(buffer);
+  while (count > 0) {
+    ssize_t done = ::pwrite(file, bytes, count, static_cast<off_t>(position));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) {
+      if (done == 0) errno = EIO;
+      return false;
+    }
+    bytes += done;
+    count -= static_cast<size_t>(done);
+    position += done;
+  }
+  return true;
+}
+
+int64_t fileSize(int file) noexcept {
+  struct stat status;
+  if (::fstat(file, &status) != 0) return -1;
+  return static_cast<int64_t>(status.st_size);
+}
+
+bool deleteFile(const char *path) noexcept {
+  return ::unlink(path) == 0;
+}
+
+const char *errorText(int error, char *buffer, size_t size) noexcept {
+  buffer[0] = '\0';
+  return pickText(::strerror_r(error, buffer, size), buffer);
+}
+
+}  // namespace zel::platform

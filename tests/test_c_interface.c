@@ -1,0 +1,2 @@
+#include "zel.h"
+int main(void) { return 0; }
