@@ -137,7 +137,7 @@ void applyAgain(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, in
   applyList(ctx, object, list, count, depth + 1);
 }
 
-// True when the list must be applied again.
+// Switches the format record; `again` tells that the list must be applied once more.
 int writeFileFormat(ZelContext *ctx, ZelObject *object, int32_t format, bool &again) {
   if (format == object->fileFormat) return 0;
   releaseFormatExtension(ctx, object);

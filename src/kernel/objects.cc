@@ -50,7 +50,9 @@ constexpr ObjectWords roiTemplate = [] {
 }();
 constexpr ObjectWords complexArrayTemplate = baseTemplate(ZelComplex, 64, ZelFile, 1, 1);
 constexpr ObjectWords tupleTemplate = baseTemplate(ZelReal, 32, ZelWorkSpace, 1, 1);
-constexpr ObjectWords compositeTemplate = baseTemplate(ZelObjectHandle, 32, ZelWorkSpace, 1, 1);
+// Entries of a composite are object handles, as wide as a pointer.
+constexpr ObjectWords compositeTemplate =
+    baseTemplate(ZelObjectHandle, 8 * sizeof(ZelObject *), ZelWorkSpace, 1, 1);
 
 struct ClassEntry {
   const ZelObjectClass *descriptor;
