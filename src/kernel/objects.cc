@@ -1,5 +1,6 @@
 #include "kernel/objects.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include "kernel/attributes.h"
@@ -263,8 +264,10 @@ int releaseObjectStorage(ZelContext *ctx, ZelObject *object) noexcept {
   int result = 0;
   releaseBlock(object->name);
   object->name = nullptr;
-  if (object->repository == ZelFile && (object->flags & tmpnamFlag) &&
-      (object->flags & initedFlag) && object->fileName && !platform::deleteFile(object->fileName)) {
+  // A file the library named is the library's to delete, whatever became of the object's
+  // repository or inited flag since; only a written one must still be there.
+  if ((object->flags & tmpnamFlag) && object->fileName && !platform::deleteFile(object->fileName) &&
+      ((object->flags & initedFlag) || errno != ENOENT)) {
     reportError(ctx, -1);
     result = -1;
   }
