@@ -280,6 +280,7 @@ int releaseObjectStorage(ZelContext *ctx, ZelObject *object) noexcept {
   }
   releaseBlock(object->ownedWorkSpace);
   object->ownedWorkSpace = nullptr;
+  object->ownedWorkSpaceBytes = 0;
   releaseFormatExtension(ctx, object);
   object->flags &= ~initedFlag;
   return result;

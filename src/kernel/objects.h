@@ -114,6 +114,8 @@ struct ZelObject : zel::ObjectWords {
 
   // Bookkeeping of the library, never reached by an attribute.
   void *ownedWorkSpace;       // the block the library allocated behind workSpace, or null
+  int64_t ownedWorkSpaceBytes;
+  int32_t openStreams;        // streams open on the object, whatever the repository
   uint64_t sequence;          // creation order; a level's chain is in this order
   ZelObject *childTail;       // last record of the level derived from this object
   ZelObject *childFirstFree;  // first free record of that level, or null

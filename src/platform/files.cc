@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace zel::platform {
@@ -75,14 +76,40 @@ bool writeAt(int file, const void *buffer, size_t count, int64_t position) noexc
   return true;
 }
 
+int64_t readUpTo(int file, void *buffer, size_t count, int64_t position) noexcept {
+  auto *bytes = static_cast<char *>(buffer);
+  size_t total = 0;
+  while (total < count) {
+    ssize_t done = ::pread(file, bytes + total, count - total, static_cast<off_t>(position));
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return -1;
+    if (done == 0) break;
+    total += static_cast<size_t>(done);
+    position += done;
+  }
+  return static_cast<int64_t>(total);
+}
+
 int64_t fileSize(int file) noexcept {
   struct stat status;
   if (::fstat(file, &status) != 0) return -1;
   return static_cast<int64_t>(status.st_size);
 }
 
-bool deleteFile(const char *path) noexcept {
-  return ::unlink(path) == 0;
+bool deleteFile(const char *path) noexcept { return ::unlink(path) == 0; }
+
+bool createTemporaryFile(char *path, size_t size) noexcept {
+  const char *directory = std::getenv("TMPDIR");
+  if (!directory || directory[0] == '\0') directory = "/tmp";
+  int length = std::snprintf(path, size, "%s/zelXXXXXX", directory);
+  if (length < 0 || static_cast<size_t>(length) >= size) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  int file = ::mkstemp(path);
+  if (file < 0) return false;
+  ::close(file);
+  return true;
 }
 
 const char *errorText(int error, char *buffer, size_t size) noexcept {
