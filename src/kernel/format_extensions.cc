@@ -334,12 +334,14 @@ bool writeFormatField(ZelContext *ctx, ZelObject *object, const FormatField &fie
 
 void copyFormatState(ZelContext *ctx, ZelObject *child, ZelObject *parent) noexcept {
   const FormatLayout *layout = layoutOf(parent->fileFormat);
-  if (!layout || !parent->formatExtension) {
+  if (!layout) {
     child->fileFormat = parent->fileFormat;
     return;
   }
   ZelAttribute format{"fileFormat", parent->fileFormat};
   if (applyAttributes(ctx, child, &format, 1) != 0 || !child->formatExtension) return;
+  // A parent whose record could not be made leaves the child with the defaults.
+  if (!parent->formatExtension) return;
   const void *from = parent->formatExtension;
   void *to = child->formatExtension;
   // The strip count first: it makes the tables that the strip fields are copied into.
