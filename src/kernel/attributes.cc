@@ -96,9 +96,10 @@ constexpr GeneralAttribute generalAttributes[] = {
     value("workSpaceHandle", &W::workSpaceHandle),
 };
 
-// A list that writes "fileFormat" or "stripsPerImage" is applied again; contradicting entries
-// could otherwise make it do so forever.
-constexpr int reapplyDepthLimit = 8;
+// A list that writes "fileFormat" or "stripsPerImage" is applied again. A sound list needs two
+// more passes at most; contradicting entries could otherwise make it go on without end, so one
+// call of Zel006 gets a fixed number of passes in all.
+constexpr int extraPassLimit = 8;
 
 const GeneralAttribute *findGeneral(const char *name) {
   for (const GeneralAttribute &attribute : generalAttributes)
@@ -126,15 +127,17 @@ ZelValue readGeneral(const ZelObject *object, const GeneralAttribute &attribute)
   return 0;
 }
 
-int applyList(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int count, int depth);
+int applyList(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int count,
+              int &passesLeft);
 
 void applyAgain(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int count,
-                int depth) {
-  if (depth >= reapplyDepthLimit) {
+                int &passesLeft) {
+  if (passesLeft <= 0) {
     reportError(ctx, 3);
     return;
   }
-  applyList(ctx, object, list, count, depth + 1);
+  --passesLeft;
+  applyList(ctx, object, list, count, passesLeft);
 }
 
 // Switches the format record; `again` tells that the list must be applied once more.
@@ -191,7 +194,8 @@ int writeGeneral(ZelContext *ctx, ZelObject *object, const GeneralAttribute &att
   return 0;
 }
 
-int applyList(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int count, int depth) {
+int applyList(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int count,
+              int &passesLeft) {
   for (int i = 0; i < count; ++i) {
     const char *name = list[i].name;
     if (!name) continue;
@@ -201,7 +205,7 @@ int applyList(ZelContext *ctx, ZelObject *object, const ZelAttribute *list, int 
     } else if (const FormatField *field = findFormatField(object, name)) {
       again = writeFormatField(ctx, object, *field, list[i].value);
     }
-    if (again) applyAgain(ctx, object, list, count, depth);
+    if (again) applyAgain(ctx, object, list, count, passesLeft);
   }
   return 0;
 }
@@ -232,7 +236,8 @@ int applyAttributes(ZelContext *ctx, ZelObject *object, const ZelAttribute *list
     reportError(ctx, 18);
     return 18;
   }
-  return applyList(ctx, object, list, count, 0);
+  int passesLeft = extraPassLimit;
+  return applyList(ctx, object, list, count, passesLeft);
 }
 
 int readAttributes(ZelContext *ctx, ZelObject *object, const ZelAttribute *list,

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "kernel/memory.h"
 #include "kernel/objects.h"
@@ -44,22 +45,35 @@ constexpr const char *messages[] = {
 
 // Contexts handed out and not yet closed. A handle is read only after it is found here, so a
 // closed or foreign handle never reaches freed or unknown memory.
-std::mutex liveContextsLock;
-PointerSet liveContexts;
+// The registry is never destroyed: a context abandoned by its application stays reachable to
+// the end of the process instead of turning into a leak when static objects are torn down.
+struct LiveContexts {
+  std::mutex lock;
+  PointerSet contexts;
+};
+
+LiveContexts &liveContexts() noexcept {
+  alignas(LiveContexts) static unsigned char storage[sizeof(LiveContexts)];
+  static LiveContexts *registry = new (storage) LiveContexts();
+  return *registry;
+}
 
 bool isLive(const ZelContext *ctx) noexcept {
-  std::lock_guard<std::mutex> guard(liveContextsLock);
-  return liveContexts.contains(ctx);
+  LiveContexts &live = liveContexts();
+  std::lock_guard<std::mutex> guard(live.lock);
+  return live.contexts.contains(ctx);
 }
 
 bool addLive(ZelContext *ctx) noexcept {
-  std::lock_guard<std::mutex> guard(liveContextsLock);
-  return liveContexts.insert(nullptr, ctx);
+  LiveContexts &live = liveContexts();
+  std::lock_guard<std::mutex> guard(live.lock);
+  return live.contexts.insert(nullptr, ctx);
 }
 
 void removeLive(const ZelContext *ctx) noexcept {
-  std::lock_guard<std::mutex> guard(liveContextsLock);
-  liveContexts.erase(ctx);
+  LiveContexts &live = liveContexts();
+  std::lock_guard<std::mutex> guard(live.lock);
+  live.contexts.erase(ctx);
 }
 
 void releaseContext(ZelContext *ctx) noexcept {
