@@ -155,22 +155,25 @@ void noteFreeRecord(Level level, ZelObject *record) {
   if (!first || record->sequence < first->sequence) *level.firstFree = record;
 }
 
+// The type with the context's current precision for it.
+void takeType(const ZelContext *ctx, ZelObject *object, int32_t dataType) {
+  object->dataType = dataType;
+  object->dataPrecision = *precisionOfType(ctx, dataType);
+}
+
 void adjustNewObject(ZelContext *ctx, ZelObject *object, ObjectClassId id) {
   switch (id) {
     case ObjectClassId::DitherArray:
-      object->dataType = ZelNonNegative;
-      object->dataPrecision = ctx->nonnegativeIntegerPrecision;
+      takeType(ctx, object, ZelNonNegative);
       object->xDimension = 4;
       object->yDimension = 4;
       object->scaleFactor = 16;
       break;
     case ObjectClassId::MaskArray:
-      object->dataType = ZelNonNegative;
-      object->dataPrecision = ctx->nonnegativeIntegerPrecision;
+      takeType(ctx, object, ZelNonNegative);
       break;
     case ObjectClassId::WindowFunctionArray:
-      object->dataType = ZelReal;
-      object->dataPrecision = ctx->realArithmeticPrecision;
+      takeType(ctx, object, ZelReal);
       break;
     default:
       break;
@@ -186,17 +189,14 @@ void adjustDerivedObject(ZelContext *ctx, ZelObject *object, ObjectClassId id) {
       object->zDimension = object->tDimension = object->bDimension = 1;
       break;
     case ObjectClassId::ROI:
-      object->dataType = ZelNonNegative;
-      object->dataPrecision = ctx->nonnegativeIntegerPrecision;
+      takeType(ctx, object, ZelNonNegative);
       break;
     case ObjectClassId::PowerSpectrumArray:
     case ObjectClassId::TransferFunctionArray:
-      object->dataType = ZelComplex;
-      object->dataPrecision = ctx->complexArithmeticPrecision;
+      takeType(ctx, object, ZelComplex);
       break;
     case ObjectClassId::WindowFunctionArray:
-      object->dataType = ZelReal;
-      object->dataPrecision = ctx->realArithmeticPrecision;
+      takeType(ctx, object, ZelReal);
       break;
     default:
       break;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 namespace zel::platform {
 namespace {
@@ -44,10 +45,14 @@ void closeFile(int file) noexcept {
   if (file >= 0) ::close(file);
 }
 
-bool readAt(int file, void *buffer, size_t count, int64_t position) noexcept {
-  auto *bytes = static_cast<char *>(buffer);
+// Moves the whole count with pread or pwrite, going on after interruptions and partial counts;
+// a count that stops short is EIO.
+template <class Buffer, class Transfer>
+bool transferAll(int file, Buffer *buffer, size_t count, int64_t position, Transfer transfer) {
+  auto *bytes =
+      static_cast<std::conditional_t<std::is_const_v<Buffer>, const char, char> *>(buffer);
   while (count > 0) {
-    ssize_t done = ::pread(file, bytes, count, static_cast<off_t>(position));
+    ssize_t done = transfer(file, bytes, count, static_cast<off_t>(position));
     if (done < 0 && errno == EINTR) continue;
     if (done <= 0) {
       if (done == 0) errno = EIO;
@@ -60,20 +65,12 @@ bool readAt(int file, void *buffer, size_t count, int64_t position) noexcept {
   return true;
 }
 
+bool readAt(int file, void *buffer, size_t count, int64_t position) noexcept {
+  return transferAll(file, buffer, count, position, ::pread);
+}
+
 bool writeAt(int file, const void *buffer, size_t count, int64_t position) noexcept {
-  const auto *bytes = static_cast<const char *>(buffer);
-  while (count > 0) {
-    ssize_t done = ::pwrite(file, bytes, count, static_cast<off_t>(position));
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) {
-      if (done == 0) errno = EIO;
-      return false;
-    }
-    bytes += done;
-    count -= static_cast<size_t>(done);
-    position += done;
-  }
-  return true;
+  return transferAll(file, buffer, count, position, ::pwrite);
 }
 
 int64_t readUpTo(int file, void *buffer, size_t count, int64_t position) noexcept {
