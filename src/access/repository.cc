@@ -201,9 +201,13 @@ int openApplicationMemory(RepositoryStream *stream, ZelObject *object) {
 int nameTemporaryFile(ZelContext *ctx, ZelObject *object) {
   char path[512];
   if (!platform::createTemporaryFile(path, sizeof path)) return -1;
-  object->flags |= tmpnamFlag;
   ZelAttribute name{"fileName", reinterpret_cast<ZelValue>(path)};
-  return applyAttributes(ctx, object, &name, 1);
+  if (int code = applyAttributes(ctx, object, &name, 1)) {
+    platform::deleteFile(path);  // nothing else would know its name
+    return code;
+  }
+  object->flags |= tmpnamFlag;
+  return 0;
 }
 
 int openFileRepository(ZelContext *ctx, RepositoryStream *stream, ZelObject *object) {
@@ -317,6 +321,7 @@ RepositoryStream *openRepositoryStream(ZelContext *ctx, ZelObject *object, const
   if (!stream) return nullptr;
   stream->object = object;
   stream->fileHandle = platform::noFile;
+  stream->carryPosition = -1;
   stream->writing = mode && mode[0] == 'w';
   stream->requestedLines = bufferLines;
   stream->lines = std::max(bufferLines, 1);
@@ -380,9 +385,9 @@ uint8_t *lineForUpdate(ZelContext *ctx, RepositoryStream *stream, int64_t offset
   if (isMemory(stream)) return memoryLine(ctx, stream, offset);
   if (stream->hasData) return readFileLine(ctx, stream, offset);
   std::memset(stream->lineBuffer, 0, static_cast<size_t>(stream->lineBytes));
-  // A Boolean line that starts inside a byte keeps the previous line's bits of that byte.
-  if (stream->dataType == ZelBoolean &&
-      bytePosition(stream, offset) * 8 != offset * stream->bitsPerPixel)
+  // A Boolean line that starts inside the byte where the last line written ended keeps that
+  // line's bits; after rows that were skipped the byte holds no written bits yet.
+  if (stream->dataType == ZelBoolean && bytePosition(stream, offset) == stream->carryPosition)
     stream->lineBuffer[0] = stream->carryByte;
   return stream->lineBuffer;
 }
@@ -401,8 +406,10 @@ uint8_t *writeLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) no
     return nullptr;
   }
   stream->filePosition = position + count;
-  if (stream->dataType == ZelBoolean && count > 0)
+  if (stream->dataType == ZelBoolean && count > 0) {
     stream->carryByte = stream->lineBuffer[count - 1];
+    stream->carryPosition = position + count - 1;
+  }
   return stream->lineBuffer;
 }
 

@@ -25,7 +25,8 @@ struct RepositoryStream {
   int64_t filePosition;
   int64_t halfWindowBytes;
   int32_t repository;
-  uint8_t carryByte;  // last byte written of a Boolean line
+  uint8_t carryByte;      // last byte written of a Boolean line
+  int64_t carryPosition;  // where carryByte lies in the file, or -1
   int64_t totalBytes;
   int64_t sampleBytes;
   int64_t limitBytes;   // bound of byte reads in memory

@@ -18,7 +18,7 @@ int OperatorWalk::open(std::initializer_list<ZelObject *> sources, ZelObject *ta
   if (!frames_[sourceCount_]) return finish(Zel003b(ctx_));
 
   for (int i = 0; i < objectCount(); ++i)
-    if (frames_[i]->roiOn) maskWord_ |= 1u << (i == sourceCount_ ? maxSources : i);
+    masked_ = masked_ || frames_[i]->roiOn;
   const AccessFrame &out = destination();
   for (int axis = 0; axis < axisCount; ++axis) {
     int64_t first = 0, last = int64_t{out.dimension[axis]} - 1;

@@ -66,7 +66,7 @@ class OperatorWalk {
   int64_t first_[axisCount] = {};
   int64_t last_[axisCount] = {};
   int64_t shift_[maxSources + 1][axisCount] = {};  // object index = destination index + shift
-  unsigned maskWord_ = 0;                          // bit i: frame i honours its region of interest
+  bool masked_ = false;                            // some frame honours a region of interest
 };
 
 struct OperatorWalk::RowSet {
@@ -89,7 +89,7 @@ int OperatorWalk::run(Kernel &&kernel) noexcept {
           int64_t x = first_[AxisX];
           while (x <= last_[AxisX]) {
             int64_t end = x;
-            if (maskWord_ == 0) {
+            if (!masked_) {
               end = last_[AxisX] + 1;
             } else {
               while (x <= last_[AxisX] && !admitted(set, x))
