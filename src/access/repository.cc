@@ -19,12 +19,17 @@ bool multiply(int64_t a, int64_t b, int64_t &product) {
   return !__builtin_mul_overflow(a, b, &product);
 }
 
+bool hasNegativeDimension(const ZelObject *object) {
+  return std::min({object->xDimension, object->yDimension, object->zDimension, object->tDimension,
+                   object->bDimension}) < 0;
+}
+
 // Pixels of the object's data, by class; false when a dimension is negative or the count
 // doesn't fit in 64 bits.
 bool pixelCount(const ZelObject *object, int64_t &count) {
+  if (hasNegativeDimension(object)) return false;
   const int32_t dims[] = {object->xDimension, object->yDimension, object->zDimension,
                           object->tDimension, object->bDimension};
-  if (std::any_of(std::begin(dims), std::end(dims), [](int32_t d) { return d < 0; })) return false;
   int used = 0;
   switch (classIdOf(object->objectClass)) {
     case ObjectClassId::Histogram:
@@ -151,8 +156,8 @@ int setGeometry(ZelContext *ctx, RepositoryStream *stream, const ZelObject *obje
                 int bufferLines) {
   int64_t pixels = 0;
   int32_t bits = streamBitsPerPixel(ctx, object);
-  if (bits < 1 || bits > 64 || object->xDimension < 0) return 18;
-  if (!pixelCount(object, pixels)) return object->xDimension < 0 ? 18 : 3;
+  if (bits < 1 || bits > 64 || hasNegativeDimension(object)) return 18;
+  if (!pixelCount(object, pixels)) return 3;
   int64_t totalBits = 0, lineBits = 0, linePixels = object->xDimension;
   if (bufferLines < 0 && !multiply(linePixels, -static_cast<int64_t>(bufferLines), linePixels))
     return 3;
@@ -383,7 +388,7 @@ uint8_t *readLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) noe
 
 uint8_t *lineForUpdate(ZelContext *ctx, RepositoryStream *stream, int64_t offset) noexcept {
   if (isMemory(stream)) return memoryLine(ctx, stream, offset);
-  if (stream->hasData) return readFileLine(ctx, stream, offset);
+  if (stream->hasData || offset < 0) return readFileLine(ctx, stream, offset);
   std::memset(stream->lineBuffer, 0, static_cast<size_t>(stream->lineBytes));
   // A Boolean line that starts inside the byte where the last line written ended keeps that
   // line's bits; after rows that were skipped the byte holds no written bits yet.
