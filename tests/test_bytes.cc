@@ -18,45 +18,20 @@
 
 namespace {
 
+using zel::test::clearLastError;
+using zel::test::fileBytes;
+using zel::test::makeImage;
+using zel::test::openStream;
+using zel::test::Stream;
+using zel::test::word;
+using zel::test::writeFile;
+
 using zel::RepositoryStream;
 using zel::test::ContextGuard;
 using zel::test::readAttribute;
 using zel::test::ScratchDirectory;
 
 namespace fs = std::filesystem;
-
-ZelValue word(const void *pointer) {
-  return reinterpret_cast<ZelValue>(pointer);
-}
-
-ZelObject *makeImage(ZelContext *ctx, std::vector<ZelAttribute> list) {
-  return Zel000b(ctx, nullptr, nullptr, list.data(), static_cast<int>(list.size()));
-}
-
-struct StreamCloser {
-  ZelContext *ctx;
-  void operator()(RepositoryStream *stream) const { zel::closeRepositoryStream(ctx, stream); }
-};
-using Stream = std::unique_ptr<RepositoryStream, StreamCloser>;
-
-Stream openStream(ZelContext *ctx, ZelObject *object, const char *mode) {
-  return Stream(zel::openRepositoryStream(ctx, object, mode, 1), StreamCloser{ctx});
-}
-
-void clearLastError(ZelContext *ctx) {
-  ctx->lastError = 0;
-}
-
-std::vector<uint8_t> fileBytes(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char *>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
 
 // An object of `bytes` 8-bit pixels in the application's memory.
 ZelObject *applicationBytes(ZelContext *ctx, std::vector<uint8_t> &memory, int64_t size = 0) {

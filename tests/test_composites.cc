@@ -20,6 +20,9 @@
 
 namespace {
 
+using zel::test::fileBytes;
+using zel::test::openDescriptors;
+
 namespace fs = std::filesystem;
 using zel::test::readAttribute;
 using zel::test::ScratchDirectory;
@@ -28,25 +31,11 @@ ZelObject *word(uintptr_t value) {
   return reinterpret_cast<ZelObject *>(value);
 }
 
-std::vector<uint8_t> fileBytes(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The bytes of a list of handles as they lie in memory.
 std::vector<uint8_t> handleBytes(const std::vector<ZelObject *> &handles) {
   std::vector<uint8_t> bytes(handles.size() * sizeof(ZelObject *));
   if (!handles.empty()) std::memcpy(bytes.data(), handles.data(), bytes.size());
   return bytes;
-}
-
-int openDescriptors() {
-  int count = 0;
-  for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++count;
-  }
-  return count;
 }
 
 // A context in a scratch directory with a private temporary directory, which must be empty

@@ -22,6 +22,13 @@
 
 namespace {
 
+using zel::test::clearLastError;
+using zel::test::inited;
+using zel::test::makeImage;
+using zel::test::openDescriptors;
+using zel::test::PrivateTemporaryDirectory;
+using zel::test::word;
+
 using zel::AccessFrame;
 using zel::test::ContextGuard;
 using zel::test::readAttribute;
@@ -29,33 +36,8 @@ using zel::test::ScratchDirectory;
 
 namespace fs = std::filesystem;
 
-ZelValue word(const void *pointer) {
-  return reinterpret_cast<ZelValue>(pointer);
-}
-
-ZelObject *makeImage(ZelContext *ctx, std::vector<ZelAttribute> list) {
-  return Zel000b(ctx, nullptr, nullptr, list.data(), static_cast<int>(list.size()));
-}
-
 ZelObject *makeRoi(ZelContext *ctx, std::vector<ZelAttribute> list) {
   return Zel000j(ctx, nullptr, nullptr, list.data(), static_cast<int>(list.size()));
-}
-
-void clearLastError(ZelContext *ctx) {
-  ctx->lastError = 0;
-}
-
-bool inited(ZelObject *object) {
-  return (object->flags & zel::initedFlag) != 0;
-}
-
-int openDescriptors() {
-  int count = 0;
-  for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++count;
-  }
-  return count;
 }
 
 void writeFile(const fs::path &path, size_t bytes) {
@@ -63,39 +45,6 @@ void writeFile(const fs::path &path, size_t bytes) {
   std::string data(bytes, '\x01');
   out.write(data.data(), static_cast<std::streamsize>(data.size()));
 }
-
-class PrivateTemporaryDirectory {
- public:
-  PrivateTemporaryDirectory() {
-    char pattern[] = "/tmp/zelprivateXXXXXX";
-    path_ = mkdtemp(pattern);
-    if (const char *previous = std::getenv("TMPDIR")) previous_ = previous;
-    setenv("TMPDIR", path_.c_str(), 1);
-  }
-  ~PrivateTemporaryDirectory() {
-    if (previous_)
-      setenv("TMPDIR", previous_->c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-    fs::remove_all(path_);
-  }
-  void clear() const {
-    for (const auto &entry : fs::directory_iterator(path_))
-      fs::remove(entry.path());
-  }
-  size_t fileCount() const {
-    size_t count = 0;
-    for (const auto &entry : fs::directory_iterator(path_)) {
-      (void)entry;
-      ++count;
-    }
-    return count;
-  }
-
- private:
-  fs::path path_;
-  std::optional<std::string> previous_;
-};
 
 const ZelAttribute kBoth[] = {{"matchPointState", 1}, {"roiState", 1}};
 

@@ -28,6 +28,17 @@
 
 namespace {
 
+using zel::test::clearLastError;
+using zel::test::fileBytes;
+using zel::test::inited;
+using zel::test::makeImage;
+using zel::test::openDescriptors;
+using zel::test::openStream;
+using zel::test::PrivateTemporaryDirectory;
+using zel::test::Stream;
+using zel::test::word;
+using zel::test::writeFile;
+
 using zel::RepositoryStream;
 using zel::test::ContextGuard;
 using zel::test::readAttribute;
@@ -35,81 +46,7 @@ using zel::test::ScratchDirectory;
 
 namespace fs = std::filesystem;
 
-ZelValue word(const void *pointer) {
-  return reinterpret_cast<ZelValue>(pointer);
-}
-
-ZelObject *makeImage(ZelContext *ctx, std::vector<ZelAttribute> list) {
-  return Zel000b(ctx, nullptr, nullptr, list.data(), static_cast<int>(list.size()));
-}
-
-struct StreamCloser {
-  ZelContext *ctx;
-  void operator()(RepositoryStream *stream) const { zel::closeRepositoryStream(ctx, stream); }
-};
-using Stream = std::unique_ptr<RepositoryStream, StreamCloser>;
-
-Stream openStream(ZelContext *ctx, ZelObject *object, const char *mode, int lines = 1) {
-  return Stream(zel::openRepositoryStream(ctx, object, mode, lines), StreamCloser{ctx});
-}
-
-void clearLastError(ZelContext *ctx) {
-  ctx->lastError = 0;
-}
-
-bool inited(ZelObject *object) {
-  return (object->flags & zel::initedFlag) != 0;
-}
-
-int openDescriptors() {
-  int count = 0;
-  for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++count;
-  }
-  return count;
-}
-
-std::vector<uint8_t> fileBytes(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char *>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
-
 // A directory of its own that $TMPDIR names for the length of a test.
-class PrivateTemporaryDirectory {
- public:
-  PrivateTemporaryDirectory() {
-    char pattern[] = "/tmp/zelprivateXXXXXX";
-    path_ = mkdtemp(pattern);
-    if (const char *previous = std::getenv("TMPDIR")) previous_ = previous;
-    setenv("TMPDIR", path_.c_str(), 1);
-  }
-  ~PrivateTemporaryDirectory() {
-    if (previous_)
-      setenv("TMPDIR", previous_->c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-    fs::remove_all(path_);
-  }
-  const fs::path &path() const { return path_; }
-  std::vector<fs::path> files() const {
-    std::vector<fs::path> found;
-    for (const auto &entry : fs::directory_iterator(path_))
-      found.push_back(entry.path());
-    return found;
-  }
-
- private:
-  fs::path path_;
-  std::optional<std::string> previous_;
-};
-
 // Sets an environment variable for the length of a scope (null: unset).
 class EnvironmentSetting {
  public:

@@ -3,10 +3,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "access/repository.h"
+#include "kernel/context.h"
+#include "kernel/objects.h"
 #include "zel.h"
 
 namespace zel::test {
@@ -58,6 +67,93 @@ inline ZelValue readAttribute(ZelContext *ctx, ZelObject *object, const char *na
   ZelAttribute entry{name, reinterpret_cast<ZelValue>(&value)};
   EXPECT_EQ(Zel005(ctx, object, &entry, 1), 0) << name;
   return value;
+}
+
+namespace fs = std::filesystem;
+
+inline ZelValue word(const void *pointer) {
+  return reinterpret_cast<ZelValue>(pointer);
+}
+
+inline ZelObject *makeImage(ZelContext *ctx, std::vector<ZelAttribute> list) {
+  return Zel000b(ctx, nullptr, nullptr, list.data(), static_cast<int>(list.size()));
+}
+
+// Forgets the last error, so that a test sees only what the next call records.
+inline void clearLastError(ZelContext *ctx) {
+  ctx->lastError = 0;
+}
+
+inline bool inited(const ZelObject *object) {
+  return (object->flags & zel::initedFlag) != 0;
+}
+
+inline int openDescriptors() {
+  int count = 0;
+  for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
+inline std::vector<uint8_t> fileBytes(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void writeFile(const fs::path &path, const std::vector<uint8_t> &bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char *>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+}
+
+// A fresh directory that is TMPDIR for the object's lifetime, removed with what it holds.
+class PrivateTemporaryDirectory {
+ public:
+  PrivateTemporaryDirectory() {
+    char pattern[] = "/tmp/zelprivateXXXXXX";
+    path_ = mkdtemp(pattern);
+    if (const char *previous = std::getenv("TMPDIR")) previous_ = previous;
+    setenv("TMPDIR", path_.c_str(), 1);
+  }
+  ~PrivateTemporaryDirectory() {
+    if (previous_)
+      setenv("TMPDIR", previous_->c_str(), 1);
+    else
+      unsetenv("TMPDIR");
+    fs::remove_all(path_);
+  }
+  PrivateTemporaryDirectory(const PrivateTemporaryDirectory &) = delete;
+  PrivateTemporaryDirectory &operator=(const PrivateTemporaryDirectory &) = delete;
+
+  const fs::path &path() const { return path_; }
+  std::vector<fs::path> files() const {
+    std::vector<fs::path> found;
+    for (const auto &entry : fs::directory_iterator(path_))
+      found.push_back(entry.path());
+    return found;
+  }
+  size_t fileCount() const { return files().size(); }
+  void clear() const {
+    for (const fs::path &file : files())
+      fs::remove(file);
+  }
+
+ private:
+  fs::path path_;
+  std::optional<std::string> previous_;
+};
+
+// A repository stream that is closed when it goes out of scope.
+struct StreamCloser {
+  ZelContext *ctx;
+  void operator()(zel::RepositoryStream *stream) const { zel::closeRepositoryStream(ctx, stream); }
+};
+using Stream = std::unique_ptr<zel::RepositoryStream, StreamCloser>;
+
+inline Stream openStream(ZelContext *ctx, ZelObject *object, const char *mode, int lines = 1) {
+  return Stream(zel::openRepositoryStream(ctx, object, mode, lines), StreamCloser{ctx});
 }
 
 }  // namespace zel::test

@@ -19,43 +19,14 @@
 
 namespace {
 
+using zel::test::PrivateTemporaryDirectory;
+using zel::test::openStream;
+using zel::test::Stream;
+
 using zel::test::ContextGuard;
 using zel::test::readAttribute;
 
 namespace fs = std::filesystem;
-
-class PrivateTemporaryDirectory {
- public:
-  PrivateTemporaryDirectory() {
-    char pattern[] = "/tmp/zellargeXXXXXX";
-    path_ = mkdtemp(pattern);
-    if (const char *previous = std::getenv("TMPDIR")) previous_ = previous;
-    setenv("TMPDIR", path_.c_str(), 1);
-  }
-  ~PrivateTemporaryDirectory() {
-    if (previous_)
-      setenv("TMPDIR", previous_->c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-    fs::remove_all(path_);
-  }
-  std::vector<fs::path> files() const {
-    std::vector<fs::path> found;
-    for (const auto &entry : fs::directory_iterator(path_))
-      found.push_back(entry.path());
-    return found;
-  }
-
- private:
-  fs::path path_;
-  std::optional<std::string> previous_;
-};
-
-struct StreamCloser {
-  ZelContext *ctx;
-  void operator()(zel::RepositoryStream *stream) const { zel::closeRepositoryStream(ctx, stream); }
-};
-using Stream = std::unique_ptr<zel::RepositoryStream, StreamCloser>;
 
 long peakResidentKilobytes() {
   rusage usage{};
@@ -87,7 +58,7 @@ TEST(LargeFile, ImageBeyondTwoGigabytesIsWrittenAndReadLineByLineInConstantMemor
   long peakBefore = peakResidentKilobytes();
 
   {
-    Stream stream(zel::openRepositoryStream(ctx, image, "w", 1), StreamCloser{ctx});
+    Stream stream = openStream(ctx, image, "w");
     ASSERT_NE(stream, nullptr) << Zel003b(ctx);
     EXPECT_EQ(stream->totalBytes, total);
     EXPECT_EQ(stream->lineBytes, width);
@@ -107,7 +78,7 @@ TEST(LargeFile, ImageBeyondTwoGigabytesIsWrittenAndReadLineByLineInConstantMemor
   EXPECT_EQ(static_cast<int64_t>(fs::file_size(files[0])), total);
 
   {
-    Stream stream(zel::openRepositoryStream(ctx, image, "r", 1), StreamCloser{ctx});
+    Stream stream = openStream(ctx, image, "r");
     ASSERT_NE(stream, nullptr) << Zel003b(ctx);
     int64_t badLines = 0;
     for (int64_t y = 0; y < height; ++y) {
