@@ -113,7 +113,7 @@ struct ZelObject : zel::ObjectWords {
   int32_t sharedFileHandle;
 
   // Bookkeeping of the library, never reached by an attribute.
-  void *ownedWorkSpace;       // the block the library allocated behind workSpace, or null
+  void *ownedWorkSpace;  // the block the library allocated behind workSpace, or null
   int64_t ownedWorkSpaceBytes;
   int32_t openStreams;        // streams open on the object, whatever the repository
   uint64_t sequence;          // creation order; a level's chain is in this order

@@ -93,7 +93,9 @@ int64_t fileSize(int file) noexcept {
   return static_cast<int64_t>(status.st_size);
 }
 
-bool deleteFile(const char *path) noexcept { return ::unlink(path) == 0; }
+bool deleteFile(const char *path) noexcept {
+  return ::unlink(path) == 0;
+}
 
 bool createTemporaryFile(char *path, size_t size) noexcept {
   const char *directory = std::getenv("TMPDIR");

@@ -19,8 +19,8 @@
 
 namespace {
 
-using zel::test::PrivateTemporaryDirectory;
 using zel::test::openStream;
+using zel::test::PrivateTemporaryDirectory;
 using zel::test::Stream;
 
 using zel::test::ContextGuard;
