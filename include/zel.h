@@ -126,9 +126,8 @@ ZEL_API int Zel003b(ZelContext *ctx) ZEL_NOEXCEPT;
  * stays in the context while the object is returned. NULL on failure: 6 for
  * an unknown class, 11 for a derivation between classes that don't allow it,
  * 9 for a dead parent, -1 without memory. */
-ZEL_API ZelObject *Zel000(ZelContext *ctx, const char *name,
-                          const ZelObjectClass *objectClass, ZelObject *parent,
-                          const ZelAttribute *list, int count) ZEL_NOEXCEPT;
+ZEL_API ZelObject *Zel000(ZelContext *ctx, const char *name, const ZelObjectClass *objectClass,
+                          ZelObject *parent, const ZelAttribute *list, int count) ZEL_NOEXCEPT;
 
 /* Zel000 with a fixed class: ColourImage, GenericImage, MonochromeImage,
  * Histogram, LookupTable, Matrix, DitherArray, ImpulseResponseArray,
@@ -241,8 +240,7 @@ ZEL_API int Zel008a(ZelContext *ctx, const char *name, ZelValue value) ZEL_NOEXC
 /* The object handle stored at `index` of a CompositeIDArray, or NULL. */
 ZEL_API ZelObject *Zel010(ZelContext *ctx, ZelObject *composite, int index) ZEL_NOEXCEPT;
 /* Stores `entry` (or NULL) at `index` of a CompositeIDArray. */
-ZEL_API int Zel011(ZelContext *ctx, ZelObject *entry, ZelObject *composite,
-                   int index) ZEL_NOEXCEPT;
+ZEL_API int Zel011(ZelContext *ctx, ZelObject *entry, ZelObject *composite, int index) ZEL_NOEXCEPT;
 
 /* ---- Movement and exchange -------------------------------------------- */
 
@@ -281,8 +279,8 @@ ZEL_API int Zel105(ZelContext *ctx, ZelObject *source, ZelObject *destination) Z
 ZEL_API int Zel105a(ZelContext *ctx, ZelObject *source, ZelObject *destination,
                     ZelObject *lookupTable) ZEL_NOEXCEPT;
 /* Combines two images pixel by pixel with `operation` (ZelAdd, ZelAnd ...). */
-ZEL_API int Zel106(ZelContext *ctx, ZelObject *sourceA, ZelObject *sourceB,
-                   ZelObject *destination, int operation) ZEL_NOEXCEPT;
+ZEL_API int Zel106(ZelContext *ctx, ZelObject *sourceA, ZelObject *sourceB, ZelObject *destination,
+                   int operation) ZEL_NOEXCEPT;
 /* Mirrors, rotates by quarter turns or transposes. */
 ZEL_API int Zel108(ZelContext *ctx, ZelObject *source, ZelObject *destination,
                    int orientation) ZEL_NOEXCEPT;
@@ -300,8 +298,8 @@ ZEL_API int Zel111(ZelContext *ctx, ZelObject *source, ZelObject *destination, i
 /* Rescales a source window onto a destination window; each tuple may be
  * NULL (origin zero, size the whole object). */
 ZEL_API int Zel112(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   ZelObject *sourceOrigin, ZelObject *sourceSize,
-                   ZelObject *destinationOrigin, ZelObject *destinationSize) ZEL_NOEXCEPT;
+                   ZelObject *sourceOrigin, ZelObject *sourceSize, ZelObject *destinationOrigin,
+                   ZelObject *destinationSize) ZEL_NOEXCEPT;
 /* Warps through two bivariate polynomials of 16 coefficients each. */
 ZEL_API int Zel115(ZelContext *ctx, ZelObject *source, ZelObject *destination,
                    const double rowA[16], const double rowB[16]) ZEL_NOEXCEPT;
@@ -321,8 +319,8 @@ ZEL_API int Zel201(ZelContext *ctx, ZelObject *source, ZelObject *destination,
 ZEL_API int Zel202(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelObject *mask,
                    int rank) ZEL_NOEXCEPT;
 /* Gradient from two kernels, combined by ZelAbsoluteSum or ZelRootSumSquare. */
-ZEL_API int Zel203(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   ZelObject *kernelA, ZelObject *kernelB, int combination) ZEL_NOEXCEPT;
+ZEL_API int Zel203(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelObject *kernelA,
+                   ZelObject *kernelB, int combination) ZEL_NOEXCEPT;
 
 /* ---- Lookup, scalar arithmetic, threshold and blend -------------------- */
 
@@ -333,35 +331,36 @@ ZEL_API int Zel120(ZelContext *ctx, ZelObject *source, ZelObject *destination,
 ZEL_API int Zel121(ZelContext *ctx, ZelObject *source, ZelObject *destination, int operation,
                    ZelScalar scalar) ZEL_NOEXCEPT;
 /* Threshold: pixels below `threshold` become `low`, the others `high`. */
-ZEL_API int Zel122(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   ZelScalar threshold, ZelScalar low, ZelScalar high) ZEL_NOEXCEPT;
+ZEL_API int Zel122(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelScalar threshold,
+                   ZelScalar low, ZelScalar high) ZEL_NOEXCEPT;
 /* Complement. */
 ZEL_API int Zel130(ZelContext *ctx, ZelObject *source, ZelObject *destination) ZEL_NOEXCEPT;
 /* Blend of two images by `weight`. */
-ZEL_API int Zel132(ZelContext *ctx, ZelObject *sourceA, ZelObject *sourceB,
-                   ZelObject *destination, double weight) ZEL_NOEXCEPT;
+ZEL_API int Zel132(ZelContext *ctx, ZelObject *sourceA, ZelObject *sourceB, ZelObject *destination,
+                   double weight) ZEL_NOEXCEPT;
 /* Fold. */
 ZEL_API int Zel135(ZelContext *ctx, ZelObject *source, ZelObject *destination) ZEL_NOEXCEPT;
 
 /* ---- Halftoning and quantisation --------------------------------------- */
 
 /* Ordered dither by a DitherArray to the levels of a Tuple. */
-ZEL_API int Zel125(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   ZelObject *dither, ZelObject *levels) ZEL_NOEXCEPT;
+ZEL_API int Zel125(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelObject *dither,
+                   ZelObject *levels) ZEL_NOEXCEPT;
 /* Error diffusion chosen by the "errorDiffusion" setting. */
 ZEL_API int Zel125a(ZelContext *ctx, ZelObject *source, ZelObject *destination,
                     ZelObject *levels) ZEL_NOEXCEPT;
 /* Colour quantisation to an index image and a palette table, chosen by the
  * "colourQuantization" setting. */
-ZEL_API int Zel127(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   ZelObject *table, ZelObject *levels) ZEL_NOEXCEPT;
+ZEL_API int Zel127(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelObject *table,
+                   ZelObject *levels) ZEL_NOEXCEPT;
 
 /* ---- Generators of test images and kernels ----------------------------- */
 
-ZEL_API int Zel500(ZelContext *ctx, ZelObject *object, ZelScalar amplitude) ZEL_NOEXCEPT; /* step wedge or colour bars */
-ZEL_API int Zel501(ZelContext *ctx, ZelObject *object, ZelScalar value) ZEL_NOEXCEPT;     /* constant */
+ZEL_API int Zel500(ZelContext *ctx, ZelObject *object,
+                   ZelScalar amplitude) ZEL_NOEXCEPT; /* step wedge or colour bars */
+ZEL_API int Zel501(ZelContext *ctx, ZelObject *object, ZelScalar value) ZEL_NOEXCEPT; /* constant */
 ZEL_API int Zel502(ZelContext *ctx, ZelObject *object, int direction,
-                   ZelScalar amplitude) ZEL_NOEXCEPT; /* linear ramp */
+                   ZelScalar amplitude) ZEL_NOEXCEPT;                /* linear ramp */
 ZEL_API int Zel503(ZelContext *ctx, ZelObject *object) ZEL_NOEXCEPT; /* box kernel */
 ZEL_API int Zel506(ZelContext *ctx, ZelObject *object, int dimensionality, ZelObject *centre,
                    ZelObject *size) ZEL_NOEXCEPT; /* ellipsoid */
@@ -370,18 +369,22 @@ ZEL_API int Zel507(ZelContext *ctx, ZelObject *object, int dimensionality, ZelOb
 ZEL_API int Zel508(ZelContext *ctx, ZelObject *object, int xCentre, int yCentre, double xSigma,
                    double ySigma, ZelScalar amplitude) ZEL_NOEXCEPT; /* Gaussian spot */
 ZEL_API int Zel509(ZelContext *ctx, ZelObject *source, ZelObject *destination, int reserved,
-                   ZelObject *low, ZelObject *high) ZEL_NOEXCEPT; /* marks pixels outside a colour box */
-ZEL_API int Zel561(ZelContext *ctx, ZelObject *object, int direction) ZEL_NOEXCEPT; /* half-plane difference */
+                   ZelObject *low,
+                   ZelObject *high) ZEL_NOEXCEPT; /* marks pixels outside a colour box */
+ZEL_API int Zel561(ZelContext *ctx, ZelObject *object,
+                   int direction) ZEL_NOEXCEPT; /* half-plane difference */
 ZEL_API int Zel562(ZelContext *ctx, ZelObject *object, int direction, double xSigma,
                    double ySigma) ZEL_NOEXCEPT; /* derivative of a Gaussian */
 ZEL_API int Zel563(ZelContext *ctx, ZelObject *object, double xSigmaA, double ySigmaA,
-                   double xSigmaB, double ySigmaB) ZEL_NOEXCEPT; /* difference of Gaussians */
+                   double xSigmaB, double ySigmaB) ZEL_NOEXCEPT;     /* difference of Gaussians */
 ZEL_API int Zel564(ZelContext *ctx, ZelObject *object) ZEL_NOEXCEPT; /* ellipse disc */
 ZEL_API int Zel565(ZelContext *ctx, ZelObject *object, double xSigma,
                    double ySigma) ZEL_NOEXCEPT; /* Gaussian low pass */
-ZEL_API int Zel566(ZelContext *ctx, ZelObject *object, double sigma) ZEL_NOEXCEPT; /* Laplacian of Gaussian */
-ZEL_API int Zel567(ZelContext *ctx, ZelObject *object, int kind) ZEL_NOEXCEPT;     /* pyramid */
-ZEL_API int Zel568(ZelContext *ctx, ZelObject *object, double a, double b) ZEL_NOEXCEPT; /* separable sinc */
+ZEL_API int Zel566(ZelContext *ctx, ZelObject *object,
+                   double sigma) ZEL_NOEXCEPT; /* Laplacian of Gaussian */
+ZEL_API int Zel567(ZelContext *ctx, ZelObject *object, int kind) ZEL_NOEXCEPT; /* pyramid */
+ZEL_API int Zel568(ZelContext *ctx, ZelObject *object, double a,
+                   double b) ZEL_NOEXCEPT; /* separable sinc */
 
 /* ---- Histogram, tone curves and colour adjustment ----------------------- */
 
@@ -392,11 +395,10 @@ ZEL_API int Zel129(ZelContext *ctx, ZelObject *source, ZelObject *destination, i
                    ZelScalar low, ZelScalar high, double alpha) ZEL_NOEXCEPT;
 /* Gamma curve, ZelEncode or ZelDecode. */
 ZEL_API int Zel133(ZelContext *ctx, ZelObject *source, ZelObject *destination, int direction,
-                   double a, double gamma, double c, double slope,
-                   double breakpoint) ZEL_NOEXCEPT;
+                   double a, double gamma, double c, double slope, double breakpoint) ZEL_NOEXCEPT;
 /* S-curve of brightness and contrast. */
-ZEL_API int Zel134(ZelContext *ctx, ZelObject *source, ZelObject *destination,
-                   double brightness, double contrast) ZEL_NOEXCEPT;
+ZEL_API int Zel134(ZelContext *ctx, ZelObject *source, ZelObject *destination, double brightness,
+                   double contrast) ZEL_NOEXCEPT;
 /* Hue, saturation and intensity adjustment of a three-band image. */
 ZEL_API int Zel136(ZelContext *ctx, ZelObject *source, ZelObject *destination, int hueDegrees,
                    int saturationPercent, int intensityPercent) ZEL_NOEXCEPT;
