@@ -98,20 +98,27 @@ uint8_t *memoryLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) {
   return stream->lineBuffer + position;
 }
 
-uint8_t *readFileLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) {
+// Moves the line at `offset` between lineBuffer and the file with `transfer` (readAt or
+// writeAt): its byte count, or -1 after reporting.
+template <class Transfer>
+int64_t transferFileLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset,
+                         Transfer transfer) {
   if (offset < 0) {
     reportError(ctx, 8);
-    return nullptr;
+    return -1;
   }
   int64_t position = bytePosition(stream, offset);
   int64_t count = lineSpan(stream, offset);
-  if (!platform::readAt(stream->fileHandle, stream->lineBuffer, static_cast<size_t>(count),
-                        position)) {
+  if (!transfer(stream->fileHandle, stream->lineBuffer, static_cast<size_t>(count), position)) {
     reportError(ctx, -1);
-    return nullptr;
+    return -1;
   }
   stream->filePosition = position + count;
-  return stream->lineBuffer;
+  return count;
+}
+
+uint8_t *readFileLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) {
+  return transferFileLine(ctx, stream, offset, platform::readAt) < 0 ? nullptr : stream->lineBuffer;
 }
 
 // Moves every line of the ring one place towards its start; the newest place is then free.
@@ -399,21 +406,11 @@ uint8_t *lineForUpdate(ZelContext *ctx, RepositoryStream *stream, int64_t offset
 
 uint8_t *writeLine(ZelContext *ctx, RepositoryStream *stream, int64_t offset) noexcept {
   if (isMemory(stream)) return memoryLine(ctx, stream, offset);
-  if (offset < 0) {
-    reportError(ctx, 8);
-    return nullptr;
-  }
-  int64_t position = bytePosition(stream, offset);
-  int64_t count = lineSpan(stream, offset);
-  if (!platform::writeAt(stream->fileHandle, stream->lineBuffer, static_cast<size_t>(count),
-                         position)) {
-    reportError(ctx, -1);
-    return nullptr;
-  }
-  stream->filePosition = position + count;
+  int64_t count = transferFileLine(ctx, stream, offset, platform::writeAt);
+  if (count < 0) return nullptr;
   if (stream->dataType == ZelBoolean && count > 0) {
     stream->carryByte = stream->lineBuffer[count - 1];
-    stream->carryPosition = position + count - 1;
+    stream->carryPosition = stream->filePosition - 1;
   }
   return stream->lineBuffer;
 }

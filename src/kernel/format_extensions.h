@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "kernel/objects.h"
 #include "zel.h"
@@ -96,27 +95,6 @@ struct FormatField {
   uint16_t elements;
   int32_t initial;
 };
-
-// The fileFormat values served by each record type.
-template <class R>
-constexpr bool servesFormat(int32_t format) noexcept {
-  if constexpr (std::is_same_v<R, GifRecord>) return format == ZelGif;
-  if constexpr (std::is_same_v<R, TiffRecord>) return format == ZelTiff;
-  if constexpr (std::is_same_v<R, SegmentedDocumentRecord>) return format == ZelSegmentedDocument;
-  if constexpr (std::is_same_v<R, BmpRecord>) return format == ZelBmp;
-  if constexpr (std::is_same_v<R, JpegRecord>)
-    return format == ZelJpegInterchange || format == ZelJpegDirect;
-  if constexpr (std::is_same_v<R, PcxRecord>) return format == ZelPcx;
-  if constexpr (std::is_same_v<R, PngRecord>) return format == ZelPng;
-  if constexpr (std::is_same_v<R, JpegColourFaxRecord>) return format == ZelJpegColourFax;
-  return false;
-}
-
-// The record of an object's current format, or null when it has none of type R.
-template <class R>
-R *formatRecord(ZelObject *object) noexcept {
-  return servesFormat<R>(object->fileFormat) ? static_cast<R *>(object->formatExtension) : nullptr;
-}
 
 // Makes the record for the object's fileFormat, with its defaults (and the object's
 // scaleFactor where the format sets one). 0, or -1 after reporting.
