@@ -65,11 +65,13 @@ const std::vector<std::string> classDescriptors = {
 // The functions the library implements so far; each must be exported. Add a function here when
 // it lands.
 const std::vector<std::string> implementedFunctions = {
-    "Zel004",  "Zel001",  "Zel003b", "Zel000",  "Zel000a", "Zel000b", "Zel000c",
-    "Zel000d", "Zel000e", "Zel000f", "Zel000g", "Zel000h", "Zel000i", "Zel000j",
-    "Zel000k", "Zel000l", "Zel000m", "Zel000n", "Zel000z", "Zel002",  "Zel097",
-    "Zel098",  "Zel099",  "Zel005",  "Zel005a", "Zel006",  "Zel006a", "Zel007",
-    "Zel007a", "Zel008",  "Zel008a", "Zel010",  "Zel011",  "Zel106",
+    "Zel004",  "Zel001",   "Zel003b", "Zel000",   "Zel000a", "Zel000b", "Zel000c", "Zel000d",
+    "Zel000e", "Zel000f",  "Zel000g", "Zel000h",  "Zel000i", "Zel000j", "Zel000k", "Zel000l",
+    "Zel000m", "Zel000n",  "Zel000z", "Zel002",   "Zel097",  "Zel098",  "Zel099",  "Zel005",
+    "Zel005a", "Zel006",   "Zel006a", "Zel007",   "Zel007a", "Zel008",  "Zel008a", "Zel010",
+    "Zel011",  "Zel106",   "Zel601",  "Zel600",   "Zel603",  "Zel605",  "Zel609",  "Zel000o",
+    "Zel000p", "Zel000p2", "Zel000q", "Zel000q2", "Zel120",  "Zel121",  "Zel122",  "Zel130",
+    "Zel132",  "Zel135",   "Zel126",  "Zel129",   "Zel133",  "Zel134",
 };
 
 struct CommandResult {

@@ -30,6 +30,10 @@ struct AccessFrame {
   int32_t matchPoint[axisCount];  // the match point when it applies, else zeros
 };
 
+// The bit tables of most-significant-first data: pixel i of a byte is bit 128 >> i.
+extern const uint8_t msbSet[8];
+extern const uint8_t msbClear[8];
+
 // `options` may hold {"matchPointState", nonzero} and {"roiState", nonzero}: what the operator
 // honours; the context's settings decide whether they apply. Null after reporting.
 AccessFrame *openAccessFrame(ZelContext *ctx, ZelObject *object, const char *mode, int bufferLines,

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "kernel/context.h"
+#include "operators/pixels.h"
 #include "operators/walk.h"
 
 namespace zel {
@@ -87,27 +88,13 @@ struct ByteRows {
   }
 };
 
-// Pixel p of a Boolean row is bit 128 >> (p & 7) of byte p >> 3, whatever the bit order.
-inline bool bitAt(const uint8_t *line, int64_t pixel) {
-  return (line[pixel >> 3] & (0x80 >> (pixel & 7))) != 0;
-}
-
 template <class Op>
 struct BitRows {
   void operator()(const RowPosition *rows, int64_t count) const {
-    for (int64_t i = 0; i < count; ++i) {
-      bool value =
-          Op::apply(bitAt(rows[0].line, rows[0].pixel + i), bitAt(rows[1].line, rows[1].pixel + i));
-      int64_t p = rows[2].pixel + i;
-      auto mask = static_cast<uint8_t>(0x80 >> (p & 7));
-      uint8_t &byte = rows[2].line[p >> 3];
-      byte = value ? static_cast<uint8_t>(byte | mask) : static_cast<uint8_t>(byte & ~mask);
-    }
+    for (int64_t i = 0; i < count; ++i)
+      operatorBits.store(rows[2], i,
+                         Op::apply(operatorBits.load(rows[0], i), operatorBits.load(rows[1], i)));
   }
-};
-
-struct NoRows {
-  void operator()(const RowPosition *, int64_t) const {}
 };
 
 int combineBytes(OperatorWalk &walk, int operation) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kernel/context.h"
+#include "operators/pixels.h"
 
 namespace zel {
 
@@ -37,6 +38,12 @@ int OperatorWalk::open(std::initializer_list<ZelObject *> sources, ZelObject *ta
 bool OperatorWalk::pixelsAtLeast(int bits) const noexcept {
   for (int i = 0; i < objectCount(); ++i)
     if (frames_[i]->stream->bitsPerPixel < bits) return false;
+  return true;
+}
+
+bool OperatorWalk::elementsFitTypes() const noexcept {
+  for (int i = 0; i < objectCount(); ++i)
+    if (frames_[i]->stream->bitsPerPixel != elementBitsOf(frames_[i]->dataType)) return false;
   return true;
 }
 

@@ -40,11 +40,21 @@ class OperatorWalk {
   const AccessFrame &source(int i) const { return *frames_[i]; }
   const AccessFrame &destination() const { return *frames_[sourceCount_]; }
 
+  // True when a region of interest applies to some frame: runs then stop at masked pixels.
+  bool masked() const { return masked_; }
+
   // True when every object's stream has pixels of at least `bits` bits.
   bool pixelsAtLeast(int bits) const noexcept;
 
+  // True when every object's pixels are as wide as row kernels read its type: 1 bit Boolean,
+  // 8 NonNegative, 16 Signed, 32 Real.
+  bool elementsFitTypes() const noexcept;
+
   // Closes the frames and reports `code`, which it returns.
   int refuse(int code) noexcept;
+
+  // Closes the frames and returns `code`, reported already.
+  int stop(int code) noexcept { return finish(code); }
 
   // Runs `kernel(rows, count)` over every run of pixels of the region; `rows` holds one position
   // per source and the destination's last. Closes the frames; 0 or the code that ended it.
