@@ -91,9 +91,11 @@ struct ByteRows {
 template <class Op>
 struct BitRows {
   void operator()(const RowPosition *rows, int64_t count) const {
+    auto a = operatorBits.at(rows[0]);
+    auto b = operatorBits.at(rows[1]);
+    auto d = operatorBits.at(rows[2]);
     for (int64_t i = 0; i < count; ++i)
-      operatorBits.store(rows[2], i,
-                         Op::apply(operatorBits.load(rows[0], i), operatorBits.load(rows[1], i)));
+      d.store(i, Op::apply(a.load(i), b.load(i)));
   }
 };
 

@@ -10,40 +10,54 @@
 
 namespace zel {
 
-// Pixel `i` of a run of elements of type T.
+// Row kernels reach the pixels of a run through a cursor made once per run, so that its base
+// stays in a register while the loop stores bytes.
+
+// Elements of type T, at any alignment.
 template <class T>
 struct Elements {
   using Value = T;
-  static T load(const RowPosition &run, int64_t i) {
-    T value;
-    std::memcpy(&value, run.line + (run.pixel + i) * int64_t{sizeof(T)}, sizeof(T));
-    return value;
-  }
-  static void store(const RowPosition &run, int64_t i, T value) {
-    std::memcpy(run.line + (run.pixel + i) * int64_t{sizeof(T)}, &value, sizeof(T));
-  }
+  struct Cursor {
+    uint8_t *base;
+    T load(int64_t i) const {
+      T value;
+      std::memcpy(&value, base + i * int64_t{sizeof(T)}, sizeof(T));
+      return value;
+    }
+    void store(int64_t i, T value) const {
+      std::memcpy(base + i * int64_t{sizeof(T)}, &value, sizeof(T));
+    }
+  };
+  Cursor at(const RowPosition &run) const { return {run.line + run.pixel * int64_t{sizeof(T)}}; }
 };
 
 using BytePixels = Elements<uint8_t>;
 using SignedPixels = Elements<int16_t>;
 using RealPixels = Elements<float>;
 
-// Boolean pixel i of a run is bit i of the row counted through the frame's tables.
+// Boolean pixel i of a run is bit i of the row counted through a frame's tables.
 struct BitPixels {
   using Value = bool;
   const uint8_t *setTable;
   const uint8_t *clearTable;
 
-  bool load(const RowPosition &run, int64_t i) const {
-    int64_t p = run.pixel + i;
-    return (run.line[p >> 3] & setTable[p & 7]) != 0;
-  }
-  void store(const RowPosition &run, int64_t i, bool value) const {
-    int64_t p = run.pixel + i;
-    uint8_t &byte = run.line[p >> 3];
-    byte = value ? static_cast<uint8_t>(byte | setTable[p & 7])
-                 : static_cast<uint8_t>(byte & clearTable[p & 7]);
-  }
+  struct Cursor {
+    uint8_t *line;
+    int64_t first;
+    const uint8_t *setTable;
+    const uint8_t *clearTable;
+    bool load(int64_t i) const {
+      int64_t p = first + i;
+      return (line[p >> 3] & setTable[p & 7]) != 0;
+    }
+    void store(int64_t i, bool value) const {
+      int64_t p = first + i;
+      uint8_t &byte = line[p >> 3];
+      byte = value ? static_cast<uint8_t>(byte | setTable[p & 7])
+                   : static_cast<uint8_t>(byte & clearTable[p & 7]);
+    }
+  };
+  Cursor at(const RowPosition &run) const { return {run.line, run.pixel, setTable, clearTable}; }
 };
 
 // Operators see Boolean rows most significant bit first, whatever the object's bit order.
@@ -56,8 +70,11 @@ struct MapRows {
   Out out;
   Rule rule;
   void operator()(const RowPosition *rows, int64_t count) const {
+    auto from = in.at(rows[0]);
+    auto to = out.at(rows[1]);
+    const Rule local = rule;  // a copy no byte store can be taken to change
     for (int64_t i = 0; i < count; ++i)
-      out.store(rows[1], i, rule(in.load(rows[0], i)));
+      to.store(i, local(from.load(i)));
   }
 };
 

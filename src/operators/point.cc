@@ -29,10 +29,23 @@ int map(OperatorWalk &walk, Rule rule, In in = {}, Out out = {}) {
 
 constexpr int lookupEntries = 256;
 
-template <class T>
-struct Lookup {
+// Vectorised, a lookup becomes an emulated gather that runs at half the speed of plain loads.
+#if defined(__GNUC__) && !defined(__clang__)
+#define ZEL_SCALAR_LOOP __attribute__((optimize("no-tree-vectorize")))
+#else
+#define ZEL_SCALAR_LOOP
+#endif
+
+template <class T, class Out>
+struct LookupRows {
   const T *table;
-  T operator()(uint8_t p) const { return table[p]; }
+  ZEL_SCALAR_LOOP void operator()(const RowPosition *rows, int64_t count) const {
+    const uint8_t *from = rows[0].line + rows[0].pixel;
+    auto to = Out{}.at(rows[1]);
+    const T *local = table;
+    for (int64_t i = 0; i < count; ++i)
+      to.store(i, local[from[i]]);
+  }
 };
 
 // The first line of the table, which must hold an entry of `type` for every byte value; 0 or
@@ -60,7 +73,7 @@ template <class T, class Out>
 int lookUp(OperatorWalk &walk, ZelContext *ctx, ZelObject *table, int32_t type) {
   T entries[lookupEntries];
   if (int code = readTable(ctx, table, type, entries)) return walk.stop(code);
-  return map<BytePixels, Out>(walk, Lookup<T>{entries});
+  return walk.run(LookupRows<T, Out>{entries});
 }
 
 // ---- Pixel against a scalar ------------------------------------------------------------------
@@ -71,9 +84,12 @@ struct ScalarRows {
   Pixels pixels;
   Rule rule;
   void operator()(const RowPosition *rows, int64_t count) const {
+    auto from = pixels.at(rows[0]);
+    auto to = pixels.at(rows[1]);
+    const Rule local = rule;  // a copy no byte store can be taken to change
     typename Pixels::Value out;
     for (int64_t i = 0; i < count; ++i)
-      if (rule(pixels.load(rows[0], i), out)) pixels.store(rows[1], i, out);
+      if (local(from.load(i), out)) to.store(i, out);
   }
 };
 
@@ -234,8 +250,10 @@ struct Complement {
 
 struct InvertBits {
   void operator()(const RowPosition *rows, int64_t count) const {
+    auto from = operatorBits.at(rows[0]);
+    auto to = operatorBits.at(rows[1]);
     for (int64_t i = 0; i < count; ++i)
-      operatorBits.store(rows[1], i, !operatorBits.load(rows[0], i));
+      to.store(i, !from.load(i));
   }
 };
 
