@@ -183,18 +183,24 @@ ZEL_API ZelObject *Zel099(ZelContext *ctx, ZelObject *object, const char *name) 
 /* ---- Tuples ----------------------------------------------------------- */
 
 /* A new Tuple in work space with `entries` entries of `dataType`, filled
- * from `array`; NULL on failure. */
+ * from `array` (which must hold them) as by Zel609; NULL when the tuple
+ * can't be made. A failed fill is left in the context. */
 ZEL_API ZelObject *Zel000o(ZelContext *ctx, const void *array, int entries,
                            int dataType) ZEL_NOEXCEPT;
 /* A new five-entry Word tuple holding a..e. */
 ZEL_API ZelObject *Zel000p(ZelContext *ctx, int32_t a, int32_t b, int32_t c, int32_t d,
                            int32_t e) ZEL_NOEXCEPT;
-/* A new Word tuple of `count` words; a count above 4 gives 18 and NULL. */
+/* A new Word tuple of `count` words; a count above 4, or a null `words`
+ * with a positive count, gives 18 and NULL. */
 ZEL_API ZelObject *Zel000p2(ZelContext *ctx, const int32_t *words, int count) ZEL_NOEXCEPT;
-/* Reads a five-word tuple into the five places; 0 or a code. */
+/* Reads a tuple of at most five words into the five places (missing
+ * words read 0); 0 or a code: 18 for a longer tuple or a null place,
+ * 9 for a dead handle. */
 ZEL_API int Zel000q(ZelContext *ctx, ZelObject *tuple, int32_t *a, int32_t *b, int32_t *c,
                     int32_t *d, int32_t *e) ZEL_NOEXCEPT;
-/* Reads `count` words of a tuple; a count above 4 gives 18. */
+/* Reads `count` words of a tuple of at most four words; a count above 4,
+ * a longer tuple or a null `out` gives 18. With `count` below 1 the
+ * tuple is still read and nothing is copied. */
 ZEL_API int Zel000q2(ZelContext *ctx, ZelObject *tuple, int32_t *out, int count) ZEL_NOEXCEPT;
 
 /* ---- Object attributes -------------------------------------------------- */
@@ -245,18 +251,33 @@ ZEL_API int Zel011(ZelContext *ctx, ZelObject *entry, ZelObject *composite, int 
 /* ---- Movement and exchange -------------------------------------------- */
 
 /* Copies the pixels of `source` into `destination`, converting to the
- * destination's data type. */
+ * destination's data type, over the overlap after match points and under
+ * both regions of interest (as far as the context's settings apply them).
+ * Boolean sets become 255 (NonNegative) or 32767 (Signed); nonzero values
+ * become set bits; Signed to NonNegative clamps; Real to NonNegative or
+ * Signed clamps and truncates toward zero; Signed between byte orders
+ * swaps. Nothing but Real converts to Real; Word and ObjectHandle data
+ * copy only to their own type. The destination's attributes are not
+ * changed. 0, 10 "Mismatch data type", 9, or the code of a line. */
 ZEL_API int Zel601(ZelContext *ctx, ZelObject *source, ZelObject *destination) ZEL_NOEXCEPT;
-/* Puts `source` into the plane (zIndex, tIndex, bIndex) of a larger object. */
+/* Puts `source` into the plane (zIndex, tIndex, bIndex) of a larger object
+ * by Zel601. With "matchPointState" off both objects meet at x = y = 0;
+ * the setting and all match points are put back on every path. */
 ZEL_API int Zel600(ZelContext *ctx, ZelObject *source, ZelObject *destination, int zIndex,
                    int tIndex, int bIndex) ZEL_NOEXCEPT;
-/* Takes the plane (zIndex, tIndex, bIndex) out of a larger object. */
+/* Takes the planes from (zIndex, tIndex, bIndex) on out of a larger object,
+ * as Zel600 does with the roles swapped. */
 ZEL_API int Zel603(ZelContext *ctx, ZelObject *source, ZelObject *destination, int zIndex,
                    int tIndex, int bIndex) ZEL_NOEXCEPT;
-/* Exports an object into the application's `buffer`, shaped by `list`. */
+/* Exports an object into the application's `buffer` by Zel601. The buffer
+ * is seen as an object of the same class and shape, changed by `list`
+ * (another "dataType", for example), and must hold all of its bytes:
+ * rows without padding, x fastest, then y, z, t, b. 18 for a null buffer
+ * or a bad list. */
 ZEL_API int Zel605(ZelContext *ctx, ZelObject *object, void *buffer, const ZelAttribute *list,
                    int count) ZEL_NOEXCEPT;
-/* Imports an object from the application's `buffer`, shaped by `list`. */
+/* Imports an object from the application's `buffer`, the reverse of
+ * Zel605. */
 ZEL_API int Zel609(ZelContext *ctx, void *buffer, ZelObject *object, const ZelAttribute *list,
                    int count) ZEL_NOEXCEPT;
 
@@ -324,21 +345,33 @@ ZEL_API int Zel203(ZelContext *ctx, ZelObject *source, ZelObject *destination, Z
 
 /* ---- Lookup, scalar arithmetic, threshold and blend -------------------- */
 
-/* Maps every pixel through a LookupTable. */
+/* Maps every NonNegative pixel through the first line of a LookupTable of
+ * at least 256 entries: into NonNegative with a NonNegative table, into
+ * Signed with a Signed table (10 otherwise, 18 for a shorter table). */
 ZEL_API int Zel120(ZelContext *ctx, ZelObject *source, ZelObject *destination,
                    ZelObject *table) ZEL_NOEXCEPT;
-/* Combines every pixel with a scalar by `operation`. */
+/* Combines every pixel with a scalar by `operation` (ZelAdd, ZelAverage,
+ * ZelDivideByScalar, ZelDivideScalarBy, logic, ZelMaximum, ZelMinimum,
+ * ZelMultiply, the four subtractions; on Real also the saturation rows).
+ * Source and destination share one type (10 otherwise). Integer results
+ * are computed in 32 bits and limited to the pixel type; Real in double.
+ * Operations a type doesn't have, a division by zero and ZelNot on
+ * integers leave the destination pixel as it was. */
 ZEL_API int Zel121(ZelContext *ctx, ZelObject *source, ZelObject *destination, int operation,
                    ZelScalar scalar) ZEL_NOEXCEPT;
-/* Threshold: pixels below `threshold` become `low`, the others `high`. */
+/* Threshold of a NonNegative image: pixels below `threshold` become `low`,
+ * the others `high` (all three taken as bytes). A Boolean destination gets
+ * a set bit where that byte isn't 0. */
 ZEL_API int Zel122(ZelContext *ctx, ZelObject *source, ZelObject *destination, ZelScalar threshold,
                    ZelScalar low, ZelScalar high) ZEL_NOEXCEPT;
-/* Complement. */
+/* Complement: each bit of a Boolean image, 255 - p of a NonNegative one. */
 ZEL_API int Zel130(ZelContext *ctx, ZelObject *source, ZelObject *destination) ZEL_NOEXCEPT;
-/* Blend of two images by `weight`. */
+/* Blend of two NonNegative images: (a * wA + b * wB + 128) >> 8 with
+ * wA = trunc(256 * weight), wB = trunc(256 * (1 - weight)); results
+ * outside 0..255 wrap. */
 ZEL_API int Zel132(ZelContext *ctx, ZelObject *sourceA, ZelObject *sourceB, ZelObject *destination,
                    double weight) ZEL_NOEXCEPT;
-/* Fold. */
+/* Fold of a NonNegative image: p below 128 stays, from 128 up 255 - p. */
 ZEL_API int Zel135(ZelContext *ctx, ZelObject *source, ZelObject *destination) ZEL_NOEXCEPT;
 
 /* ---- Halftoning and quantisation --------------------------------------- */
@@ -388,15 +421,26 @@ ZEL_API int Zel568(ZelContext *ctx, ZelObject *object, double a,
 
 /* ---- Histogram, tone curves and colour adjustment ----------------------- */
 
-/* Counts pixel values into a Histogram. */
+/* Counts the levels of every pixel of a NonNegative image, all bands in one
+ * count and under the image's region of interest, into the 32-bit counters
+ * of a Histogram of 2 to 256 entries (levels 256 / entries to a bin; the
+ * remainder goes into the last). 18 for fewer entries, 2 for more. */
 ZEL_API int Zel126(ZelContext *ctx, ZelObject *source, ZelObject *histogram) ZEL_NOEXCEPT;
-/* Histogram modification to `shape` (ZelUniform, ZelExponential, ...). */
+/* Histogram modification to `shape` (ZelCubeRoot, ZelExponential,
+ * ZelLogarithmic, ZelUniform, ZelRayleigh) between `low` and `high`,
+ * applied as a table by Zel120. An image without counted pixels is copied
+ * unchanged. 18 for another shape or a low bound not above 0 under
+ * ZelLogarithmic. */
 ZEL_API int Zel129(ZelContext *ctx, ZelObject *source, ZelObject *destination, int shape,
                    ZelScalar low, ZelScalar high, double alpha) ZEL_NOEXCEPT;
-/* Gamma curve, ZelEncode or ZelDecode. */
+/* Gamma curve with a linear toe, ZelEncode or ZelDecode, applied as a table
+ * by Zel120. Does nothing and returns 0 unless both images are
+ * NonNegative. Another direction applies an all-zero table. */
 ZEL_API int Zel133(ZelContext *ctx, ZelObject *source, ZelObject *destination, int direction,
                    double a, double gamma, double c, double slope, double breakpoint) ZEL_NOEXCEPT;
-/* S-curve of brightness and contrast. */
+/* S-curve of brightness and contrast through the point (0.5 - 0.2 b,
+ * 0.5 + 0.2 b), applied as a table by Zel120; 10 unless both images are
+ * NonNegative. */
 ZEL_API int Zel134(ZelContext *ctx, ZelObject *source, ZelObject *destination, double brightness,
                    double contrast) ZEL_NOEXCEPT;
 /* Hue, saturation and intensity adjustment of a three-band image. */
