@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "access/frame.h"
 #include "operators/walk.h"
@@ -63,7 +64,8 @@ struct BitPixels {
 // Operators see Boolean rows most significant bit first, whatever the object's bit order.
 inline constexpr BitPixels operatorBits{msbSet, msbClear};
 
-// The destination's pixel from the source's through `rule`.
+// The destination's pixel from the source's through `rule`. A rule of the form
+// bool(value, Out::Value &result) may decline a pixel, which then keeps its value.
 template <class In, class Out, class Rule>
 struct MapRows {
   In in;
@@ -73,8 +75,14 @@ struct MapRows {
     auto from = in.at(rows[0]);
     auto to = out.at(rows[1]);
     const Rule local = rule;  // a copy no byte store can be taken to change
-    for (int64_t i = 0; i < count; ++i)
-      to.store(i, local(from.load(i)));
+    if constexpr (std::is_invocable_v<Rule, typename In::Value, typename Out::Value &>) {
+      typename Out::Value result;
+      for (int64_t i = 0; i < count; ++i)
+        if (local(from.load(i), result)) to.store(i, result);
+    } else {
+      for (int64_t i = 0; i < count; ++i)
+        to.store(i, local(from.load(i)));
+    }
   }
 };
 

@@ -78,21 +78,6 @@ int lookUp(OperatorWalk &walk, ZelContext *ctx, ZelObject *table, int32_t type) 
 
 // ---- Pixel against a scalar ------------------------------------------------------------------
 
-// Results that skip their pixel leave the destination's value in place.
-template <class Pixels, class Rule>
-struct ScalarRows {
-  Pixels pixels;
-  Rule rule;
-  void operator()(const RowPosition *rows, int64_t count) const {
-    auto from = pixels.at(rows[0]);
-    auto to = pixels.at(rows[1]);
-    const Rule local = rule;  // a copy no byte store can be taken to change
-    typename Pixels::Value out;
-    for (int64_t i = 0; i < count; ++i)
-      if (local(from.load(i), out)) to.store(i, out);
-  }
-};
-
 // The machine's 32-bit arithmetic: sums and products wrap instead of overflowing.
 inline int32_t wrap(int64_t value) {
   return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(value)));
@@ -198,19 +183,20 @@ int runListed(OperatorWalk &walk, int operation, Pixels pixels, Constant v) {
   bool listed = ((operation == Listed) || ...);
   if (!listed) return walk.run(NoRows{});
   int code = 0;
-  (void)((operation == Listed && (code = walk.run(Rows<Listed>{pixels, {v}}), true)) || ...);
+  (void)((operation == Listed && (code = walk.run(Rows<Listed>{pixels, pixels, {v}}), true)) ||
+         ...);
   return code;
 }
 
 template <class T, class Pixels>
 struct IntegerOperations {
   template <int operation>
-  using Rows = ScalarRows<Pixels, IntegerRule<T, operation>>;
+  using Rows = MapRows<Pixels, Pixels, IntegerRule<T, operation>>;
 };
 template <int operation>
-using RealRows = ScalarRows<RealPixels, RealRule<operation>>;
+using RealRows = MapRows<RealPixels, RealPixels, RealRule<operation>>;
 template <int operation>
-using BitRows = ScalarRows<BitPixels, BitRule<operation>>;
+using BitRows = MapRows<BitPixels, BitPixels, BitRule<operation>>;
 
 template <class T, class Pixels>
 int integerAgainstScalar(OperatorWalk &walk, int operation, int32_t v) {
