@@ -184,14 +184,15 @@ ZEL_API ZelObject *Zel099(ZelContext *ctx, ZelObject *object, const char *name) 
 
 /* A new Tuple in work space with `entries` entries of `dataType`, filled
  * from `array` (which must hold them) as by Zel609; NULL when the tuple
- * can't be made. A failed fill is left in the context. */
+ * can't be made (18 for a negative count). A failed fill is left in the
+ * context. */
 ZEL_API ZelObject *Zel000o(ZelContext *ctx, const void *array, int entries,
                            int dataType) ZEL_NOEXCEPT;
 /* A new five-entry Word tuple holding a..e. */
 ZEL_API ZelObject *Zel000p(ZelContext *ctx, int32_t a, int32_t b, int32_t c, int32_t d,
                            int32_t e) ZEL_NOEXCEPT;
-/* A new Word tuple of `count` words; a count above 4, or a null `words`
- * with a positive count, gives 18 and NULL. */
+/* A new Word tuple of `count` words; a count above 4 or below 0, or a
+ * null `words` with a positive count, gives 18 and NULL. */
 ZEL_API ZelObject *Zel000p2(ZelContext *ctx, const int32_t *words, int count) ZEL_NOEXCEPT;
 /* Reads a tuple of at most five words into the five places (missing
  * words read 0); 0 or a code: 18 for a longer tuple or a null place,

@@ -120,6 +120,11 @@ extern "C" ZEL_API int Zel609(ZelContext *ctx, void *buffer, ZelObject *object,
 
 extern "C" ZEL_API ZelObject *Zel000o(ZelContext *ctx, const void *array, int entries,
                                       int dataType) noexcept {
+  if (checkContext(ctx)) return nullptr;
+  if (entries < 0) {
+    reportError(ctx, 18);
+    return nullptr;
+  }
   const ZelAttribute list[] = {
       {"entries", entries}, {"dataType", dataType}, {"repository", ZelWorkSpace}};
   ZelObject *tuple = Zel000n(ctx, nullptr, nullptr, list, 3);

@@ -226,6 +226,8 @@ extern "C" ZEL_API int Zel129(ZelContext *ctx, ZelObject *source, ZelObject *des
                shape == ZelUniform || shape == ZelRayleigh;
   double lowValue = realOf(low), highValue = realOf(high);
   if (!known || (shape == ZelLogarithmic && !(lowValue > 0))) return refuse(ctx, 18);
+  // Checked before the temporaries exist: one of them could take the record of a dead handle.
+  if (!checkObject(ctx, source) || !checkObject(ctx, destination)) return 9;
   uint32_t counters[levels] = {};
   if (int code = histogramOf(ctx, source, counters)) return code;
   ToneTable table;
