@@ -453,26 +453,44 @@ ZEL_API int Zel137(ZelContext *ctx, ZelObject *source, ZelObject *destination, i
 
 /* ---- Compression ------------------------------------------------------ */
 
-/* Compresses `image` into `compressed` by the latter's "compression". */
+/* Compresses `image` (whose "compression" must be 0) into `compressed` by
+ * the latter's "compression": ZelFaxGroup3OneDimensional,
+ * ZelFaxGroup3TwoDimensional, ZelFaxGroup4, ZelModifiedHuffman, ZelJpeg,
+ * ZelLzw, ZelPackBits, ZelKolLine, ZelBmpRunLength, ZelPcxRunLength or
+ * ZelPngDeflate. 12 for any other value, and for a family whose codec this
+ * build of the library doesn't contain; 9 for a dead handle. */
 ZEL_API int Zel700(ZelContext *ctx, ZelObject *image, ZelObject *compressed) ZEL_NOEXCEPT;
-/* Expands `compressed` into `image`. */
+/* Expands `compressed` into `image`, as Zel700 in the other direction. */
 ZEL_API int Zel701(ZelContext *ctx, ZelObject *compressed, ZelObject *image) ZEL_NOEXCEPT;
 
 /* ---- File interchange ------------------------------------------------- */
 
-/* Writes `object` as it stands to `fileName` in `fileFormat`. */
+/* Writes `object` as it stands (compressed data stays compressed) to
+ * `fileName` in `fileFormat`; format 0 writes the pixels as they lie in
+ * memory. A CompositeIDArray writes one page per entry. 18 for a format
+ * that can't be written, 12 for one whose writer this build doesn't
+ * contain. A half-written file stays on disk. */
 ZEL_API int Zel702(ZelContext *ctx, ZelObject *object, const char *fileName, int fileFormat,
                    const ZelAttribute *list, int count) ZEL_NOEXCEPT;
-/* Compresses, then writes. */
+/* Compresses with the format's default codec (or the list's
+ * "compression"), then writes as Zel702. A composite writes all its pages
+ * to TIFF, its first entry otherwise. 12 for an already compressed
+ * object, 18 when the image uses levels beyond its palette's
+ * "usedXDimension". */
 ZEL_API int Zel702x(ZelContext *ctx, ZelObject *object, const char *fileName, int fileFormat,
                     const ZelAttribute *list, int count) ZEL_NOEXCEPT;
-/* Writes Bmp, Dib or DibHeaderOnly to application memory at `address`. */
+/* Writes Bmp, Dib or DibHeaderOnly to application memory at `address`,
+ * which must be large enough; the list may ask for ZelBmpRunLength. */
 ZEL_API int Zel702z(ZelContext *ctx, ZelObject *object, void *address, int fileFormat,
                     const ZelAttribute *list, int count) ZEL_NOEXCEPT;
-/* Reads; `mode` is 0 (all), ZelReadData or ZelReadAttributes. */
+/* Reads; `mode` is 0 (all), ZelReadData or ZelReadAttributes (18
+ * otherwise). `fileName` may be NULL when the list holds
+ * "applicationAddressSpace" and "size". Format 0 reads raw pixels in the
+ * object's shape. Compressed data stay compressed in `object`. */
 ZEL_API int Zel703(ZelContext *ctx, const char *fileName, ZelObject *object, int fileFormat,
                    int mode, const ZelAttribute *list, int count) ZEL_NOEXCEPT;
-/* Reads and expands. */
+/* Reads and expands. The file is read into memory first unless it is a
+ * TIFF of 5 MiB or more. 25 when it can't be opened. */
 ZEL_API int Zel703x(ZelContext *ctx, const char *fileName, ZelObject *object, int fileFormat,
                     const ZelAttribute *list, int count) ZEL_NOEXCEPT;
 /* Reads and expands from `size` bytes of memory. */
@@ -481,13 +499,17 @@ ZEL_API int Zel703w(ZelContext *ctx, const void *address, ZelObject *object, int
 /* Reads Bmp or Dib from memory; the byte count comes as "size" in `list`. */
 ZEL_API int Zel703z(ZelContext *ctx, const void *address, ZelObject *object, int fileFormat,
                     const ZelAttribute *list, int count) ZEL_NOEXCEPT;
-/* Page count of a file; 0 on failure. */
+/* Page count of a ZelTiff or ZelSegmentedDocument file; 0 on failure (12
+ * for another format, 22 for a bad head). A TIFF directory chain counts
+ * as far as each directory lies beyond the one before. */
 ZEL_API int Zel704(ZelContext *ctx, const char *fileName, int fileFormat) ZEL_NOEXCEPT;
 /* Page count of `size` bytes of memory; 0 on failure. */
 ZEL_API int Zel704w(ZelContext *ctx, const void *address, int fileFormat, int size) ZEL_NOEXCEPT;
-/* Detected "fileFormat" of a file; 0 when unknown. */
+/* Detected "fileFormat" of a file by its first bytes, then by trying the
+ * readers with the log switched off; 0 when unknown. */
 ZEL_API int Zel705(ZelContext *ctx, const char *fileName) ZEL_NOEXCEPT;
-/* Detected "fileFormat" of `size` bytes of memory; 0 when unknown. */
+/* Detected "fileFormat" of `size` bytes of memory (at least 10, else 8);
+ * 0 when unknown. */
 ZEL_API int Zel705w(ZelContext *ctx, const void *address, int size) ZEL_NOEXCEPT;
 
 #ifdef __cplusplus

@@ -71,7 +71,9 @@ const std::vector<std::string> implementedFunctions = {
     "Zel005a", "Zel006",   "Zel006a", "Zel007",   "Zel007a", "Zel008",  "Zel008a", "Zel010",
     "Zel011",  "Zel106",   "Zel601",  "Zel600",   "Zel603",  "Zel605",  "Zel609",  "Zel000o",
     "Zel000p", "Zel000p2", "Zel000q", "Zel000q2", "Zel120",  "Zel121",  "Zel122",  "Zel130",
-    "Zel132",  "Zel135",   "Zel126",  "Zel129",   "Zel133",  "Zel134",
+    "Zel132",  "Zel135",   "Zel126",  "Zel129",   "Zel133",  "Zel134",  "Zel700",  "Zel701",
+    "Zel702",  "Zel703",   "Zel704",  "Zel704w",  "Zel705",  "Zel705w", "Zel702x", "Zel702z",
+    "Zel703x", "Zel703w",  "Zel703z",
 };
 
 struct CommandResult {

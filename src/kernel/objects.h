@@ -97,6 +97,22 @@ int releaseObjectStorage(ZelContext *ctx, ZelObject *object) noexcept;
 // Releases `record`, everything its sibling chain leads to and all their descendants.
 void releaseTree(ZelContext *ctx, ZelObject *record) noexcept;
 
+// An object a call makes for itself, destroyed when the call ends.
+class OwnedObject {
+ public:
+  OwnedObject(ZelContext *ctx, ZelObject *object) : ctx_(ctx), object_(object) {}
+  OwnedObject(const OwnedObject &) = delete;
+  OwnedObject &operator=(const OwnedObject &) = delete;
+  ~OwnedObject() {
+    if (object_) Zel002(ctx_, object_);
+  }
+  ZelObject *get() const { return object_; }
+
+ private:
+  ZelContext *ctx_;
+  ZelObject *object_;
+};
+
 }  // namespace zel
 
 struct ZelObject : zel::ObjectWords {

@@ -72,26 +72,10 @@ bool writeCounters(ZelContext *ctx, RepositoryStream *stream, const uint32_t *bi
   return true;
 }
 
-// An object the call makes for itself and destroys on every way out.
-class Temporary {
- public:
-  Temporary(ZelContext *ctx, ZelObject *object) : ctx_(ctx), object_(object) {}
-  Temporary(const Temporary &) = delete;
-  Temporary &operator=(const Temporary &) = delete;
-  ~Temporary() {
-    if (object_) Zel002(ctx_, object_);
-  }
-  ZelObject *get() const { return object_; }
-
- private:
-  ZelContext *ctx_;
-  ZelObject *object_;
-};
-
 // Applies `table` to the source through a temporary lookup table.
 int applyTable(ZelContext *ctx, ZelObject *source, ZelObject *destination, const ToneTable &table) {
   const ZelAttribute list[] = {{"entries", levels}, {"dataType", ZelNonNegative}};
-  Temporary lookup(ctx, Zel000e(ctx, nullptr, nullptr, list, 2));
+  OwnedObject lookup(ctx, Zel000e(ctx, nullptr, nullptr, list, 2));
   if (!lookup.get()) return Zel003b(ctx);
   if (int code = Zel609(ctx, const_cast<uint8_t *>(table), lookup.get(), nullptr, 0)) return code;
   return Zel120(ctx, source, destination, lookup.get());
@@ -104,7 +88,7 @@ uint8_t byteOf(double value) {
 
 // The counts of 256 levels of the source, under its region of interest.
 int histogramOf(ZelContext *ctx, ZelObject *source, uint32_t (&counters)[levels]) {
-  Temporary histogram(ctx, Zel000d(ctx, nullptr, nullptr, nullptr, 0));
+  OwnedObject histogram(ctx, Zel000d(ctx, nullptr, nullptr, nullptr, 0));
   if (!histogram.get()) return Zel003b(ctx);
   if (int code = Zel126(ctx, source, histogram.get())) return code;
   return Zel605(ctx, histogram.get(), counters, nullptr, 0);
