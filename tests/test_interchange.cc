@@ -509,11 +509,17 @@ TEST_F(Interchange, ReadWithoutNameOrMemoryFailsAndLeavesNothing) {
   ZelObject *object = holding(prior);
   ASSERT_NE(object, nullptr);
   const Snapshot before = snapshot();
-  const int result = Zel703(ctx_, nullptr, object, 0, 0, nullptr, 0);
-  EXPECT_NE(result, 0);
-  EXPECT_EQ(Zel003b(ctx_), result);
-  expectNothingLeft(before);
+  expectRefusal(Zel703(ctx_, nullptr, object, 0, 0, nullptr, 0), 18, before);
   EXPECT_EQ(exported(object, prior), encode(prior));
+}
+
+TEST_F(Interchange, WriteWithoutAFileNameIsOutOfRange) {
+  const Values values = edgeValues(ZelNonNegative);
+  ZelObject *object = holding(values);
+  ASSERT_NE(object, nullptr);
+  const Snapshot before = snapshot();
+  expectRefusal(Zel702(ctx_, object, nullptr, 0, nullptr, 0), 18, before);
+  EXPECT_EQ(exported(object, values), encode(values));
 }
 
 TEST_F(Interchange, WriteIntoAMissingDirectoryIsAFileOpenFailure) {

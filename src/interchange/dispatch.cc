@@ -266,6 +266,7 @@ extern "C" ZEL_API int Zel702(ZelContext *ctx, ZelObject *object, const char *fi
                               int fileFormat, const ZelAttribute *list, int count) noexcept {
   if (int code = checkContext(ctx)) return code;
   if (!checkObject(ctx, object)) return 9;
+  if (!fileName) return refuse(ctx, 18);  // the library would name a file nobody could find
   const ZelAttribute extra[] = {{"repository", ZelFile},
                                 {"fileName", reinterpret_cast<ZelValue>(fileName)},
                                 {"fileFormat", fileFormat}};
@@ -287,6 +288,7 @@ extern "C" ZEL_API int Zel703(ZelContext *ctx, const char *fileName, ZelObject *
   const ZelAttribute format[] = {{"fileFormat", fileFormat}};
   if (int code = Zel006(ctx, object, format, 1)) return code;
   Input input = inputOf(list, count);
+  if (!input.address && !fileName) return refuse(ctx, 18);
   const ZelAttribute fromMemory[] = {{"repository", ZelApplicationAddressSpace},
                                      {"size", input.size}};
   const ZelAttribute fromFile[] = {{"repository", ZelFile},
