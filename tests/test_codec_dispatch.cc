@@ -47,8 +47,7 @@ constexpr int32_t kFamiliesWithoutCodec[] = {ZelFaxGroup3OneDimensional,
                                              ZelPackBits,
                                              ZelKolLine,
                                              ZelBmpRunLength,
-                                             ZelPcxRunLength,
-                                             ZelPngDeflate};
+                                             ZelPcxRunLength};
 
 // Values next to those of the table, inside and outside 80 to 264, and the extremes.
 constexpr int32_t kOutsideTheTable[] = {0,   -1,  79,  83,  89,  91,  100, 113,       115,

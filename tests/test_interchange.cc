@@ -638,9 +638,8 @@ TEST_F(Interchange, ModesOtherThanTheThreeAreRefusedBeforeAnythingElse) {
 
 // Formats the library knows but whose files aren't built in yet, and values that are no format
 // in the direction at all.
-const int kWritableFormats[] = {ZelGif, ZelTiff, ZelKolShort, ZelBmp,    ZelJpegInterchange,
-                                ZelPcx, ZelDib,  ZelPng,      ZelSgiRgb, ZelJpegDirect,
-                                ZelWbmp};
+const int kWritableFormats[] = {ZelGif, ZelTiff, ZelKolShort, ZelBmp,        ZelJpegInterchange,
+                                ZelPcx, ZelDib,  ZelSgiRgb,   ZelJpegDirect, ZelWbmp};
 const int kNotWritable[] = {ZelMacPaint,
                             ZelDibHeaderOnly,
                             ZelSegmentedDocument,
@@ -652,8 +651,8 @@ const int kNotWritable[] = {ZelMacPaint,
                             236,
                             100000};
 const int kReadableFormats[] = {
-    ZelGif,     ZelTiff, ZelKolShort, ZelSegmentedDocument, ZelBmp,  ZelJpegInterchange, ZelPcx,
-    ZelKolLong, ZelDib,  ZelPng,      ZelJpegDirect,        ZelWbmp, ZelJpegColourFax};
+    ZelGif, ZelTiff,    ZelKolShort, ZelSegmentedDocument, ZelBmp,  ZelJpegInterchange,
+    ZelPcx, ZelKolLong, ZelDib,      ZelJpegDirect,        ZelWbmp, ZelJpegColourFax};
 const int kNotReadable[] = {ZelSgiRgb, ZelMacPaint, ZelDibHeaderOnly, 1, -1, 93, 236, 100000};
 
 TEST_F(Interchange, WriteRefusesFormatsNotBuiltInAndValuesThatAreNoFormat) {

@@ -8,6 +8,7 @@
 #include "access/repository.h"
 #include "interchange/common.h"
 #include "interchange/page_count.h"
+#include "interchange/png.h"
 #include "kernel/context.h"
 #include "kernel/memory.h"
 #include "kernel/objects.h"
@@ -44,6 +45,7 @@ bool formatKnown(int format, Direction direction) {
 
 int writeFormat(ZelContext *ctx, ZelObject *object, ZelObject *file, int format) {
   if (format == 0) return Zel601(ctx, object, file);
+  if (format == ZelPng) return writePng(ctx, object, file);
   return refuse(ctx, formatKnown(format, Direction::Write) ? 12 : 18);
 }
 
@@ -77,6 +79,7 @@ int writeComposite(ZelContext *ctx, ZelObject *object, const ZelAttribute *pairs
 
 int readFormat(ZelContext *ctx, ZelObject *file, ZelObject *object, int format, int mode) {
   if (format == 0) return mode == ZelReadAttributes ? 0 : Zel601(ctx, file, object);
+  if (format == ZelPng) return readPng(ctx, file, object, mode);
   return refuse(ctx, formatKnown(format, Direction::Read) ? 12 : 18);
 }
 
