@@ -705,11 +705,7 @@ int expandPlanes(ZelContext *ctx, AccessFrame &in, AccessFrame &out, const RowLa
   Kind kind;
   if (!validDepth(layout) || !kindOf(out, layout, kind)) return refuse(ctx, 10);
   int64_t planes = int64_t{in.dimension[AxisZ]} * in.dimension[AxisT];
-  int64_t planeBytes = 0, limit = 0;
-  if (!planeStreamBytes(layout, planeBytes) ||
-      __builtin_mul_overflow(int64_t{std::max(in.object->size, 0)} + 1, largestInflation, &limit) ||
-      planeBytes > limit / std::max<int64_t>(planes, 1))
-    return refuse(ctx, 22);
+  if (!streamCanHold(layout, planes, in.object->size)) return refuse(ctx, 22);
   RowDecoder decoder(ctx, in.stream, in.object->size);
   RowUnpacker unpacker(ctx, out, layout, kind, out.object->pixelInterpretation == ZelBmp);
   PlaneReader reader(ctx, layout, decoder, unpacker);
@@ -727,6 +723,13 @@ int expandPlanes(ZelContext *ctx, AccessFrame &in, AccessFrame &out, const RowLa
 }
 
 }  // namespace
+
+bool streamCanHold(const RowLayout &layout, int64_t planes, int64_t size) noexcept {
+  int64_t planeBytes = 0, limit = 0;
+  return planeStreamBytes(layout, planeBytes) &&
+         !__builtin_mul_overflow(std::max<int64_t>(size, 0) + 1, largestInflation, &limit) &&
+         planeBytes <= limit / std::max<int64_t>(planes, 1);
+}
 
 bool canWriteImage(const AccessFrame &image, const RowLayout &layout) noexcept {
   Kind kind;

@@ -54,6 +54,10 @@ class DeflateSink {
   ~DeflateSink() = default;
 };
 
+// Whether `size` bytes of deflated data could hold `planes` planes of the layout's rows; deflate
+// expands no stream more than 1032 times, so a stream below that can't be the image's.
+bool streamCanHold(const RowLayout &layout, int64_t planes, int64_t size) noexcept;
+
 // Whether writeImage takes the image's pixels at the layout's depth and channels.
 bool canWriteImage(const AccessFrame &image, const RowLayout &layout) noexcept;
 

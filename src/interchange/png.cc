@@ -631,6 +631,8 @@ int readPng(ZelContext *ctx, ZelObject *file, ZelObject *object, int mode) noexc
   ChunkReader reader(ctx, source);
   Scan scan;
   if (int code = reader.scan(scan)) return code;
+  // Dimensions the data can't fill are refused before anything is sized by them.
+  if (!codec::streamCanHold(layoutOf(scan.header), 1, scan.idatBytes)) return refuse(ctx, 22);
   if (mode == 0 || mode == ZelReadAttributes)
     if (int code = readAttributes(ctx, object, reader, scan)) return code;
   if ((mode == 0 || mode == ZelReadData) && scan.firstIdat >= 0)
