@@ -460,10 +460,27 @@ ZEL_API int Zel137(ZelContext *ctx, ZelObject *source, ZelObject *destination, i
  * ZelPngDeflate. 12 for any other value, and for a family whose codec this
  * build of the library doesn't contain; 9 for a dead handle. */
 ZEL_API int Zel700(ZelContext *ctx, ZelObject *image, ZelObject *compressed) ZEL_NOEXCEPT;
-/* Expands `compressed` into `image`, as Zel700 in the other direction. */
+/* Expands `compressed` into `image`, as Zel700 in the other direction.
+ *
+ * ZelPngDeflate: PNG scanlines, each behind its filter byte, through one
+ * zlib stream per plane. Compressing takes the compressed object's
+ * "bDimension" (1 or 3), "dataPrecision" (1, 2, 4, 8 or 16; 8 or 16 for
+ * three bands), "compressionLevel" (1 to 9) and "filter" (0: no filter,
+ * ZelAdaptiveFilter: the five filters chosen row by row); others give 12,
+ * pixels of another type 10. "size" gets the stream's length. Expanding
+ * reads Adam7 passes when the object comes from a PNG file with
+ * "interlacedImage" 1; with the setting "progressive" on, passes up to
+ * "interlacePass" (1 to 7, else 18) fill the image block by block. Any
+ * fault in the data, a stream too short or too long, is 22. */
 ZEL_API int Zel701(ZelContext *ctx, ZelObject *compressed, ZelObject *image) ZEL_NOEXCEPT;
 
 /* ---- File interchange ------------------------------------------------- */
+
+/* ZelPng writes a plain object as grey, palette (a "lut" of 3 bands and 1
+ * to 256 entries), grey with alpha, RGB or RGBA by its bands or by
+ * "colourType", at its "dataPrecision", Adam7 with "interlacedImage" 1,
+ * with tEXt for "copyright" and tRNS for "transparency"; an object that
+ * holds ZelPngDeflate data is stored as it stands. */
 
 /* Writes `object` as it stands (compressed data stays compressed) to
  * `fileName` in `fileFormat`; format 0 writes the pixels as they lie in
@@ -489,6 +506,11 @@ ZEL_API int Zel702z(ZelContext *ctx, ZelObject *object, void *address, int fileF
  * object's shape. Compressed data stay compressed in `object`. */
 ZEL_API int Zel703(ZelContext *ctx, const char *fileName, ZelObject *object, int fileFormat,
                    int mode, const ZelAttribute *list, int count) ZEL_NOEXCEPT;
+/* ZelPng reads 1-, 4- and 8-bit grey and palette and 8-bit RGB and RGBA
+ * files; 2- and 16-bit files and grey with alpha give 22, as do a bad CRC
+ * in any chunk and IDAT chunks that don't follow each other. A "lut" on
+ * the object gets the palette, or a grey ramp for grey files. */
+
 /* Reads and expands. The file is read into memory first unless it is a
  * TIFF of 5 MiB or more. 25 when it can't be opened. */
 ZEL_API int Zel703x(ZelContext *ctx, const char *fileName, ZelObject *object, int fileFormat,
