@@ -196,16 +196,17 @@ void bitsToRow(const AccessFrame &image, const uint8_t *line, int64_t bitOffset,
     if (in.load(x)) row[x >> 3] |= static_cast<uint8_t>(msbRow ? 0x80u >> (x & 7) : 1u << (x & 7));
 }
 
-void rowToBits(const AccessFrame &image, const uint8_t *row, int64_t pixels, uint8_t *line,
-               int64_t bitOffset) {
+void rowToBits(const AccessFrame &image, const uint8_t *row, int64_t pixels, int32_t rowOrder,
+               uint8_t *line, int64_t bitOffset) {
   bool msbImage = image.bitSetTable == nullptr || image.bitSetTable[0] == 0x80;
-  if (msbImage) {
+  bool msbRow = rowOrder != ZelLeastSignificantFirst;
+  if (msbImage && msbRow) {
     mergeBooleanLine(line, bitOffset, pixels, row);
     return;
   }
   auto out = bitPixelsOf(image).at({line, bitOffset});
   for (int64_t x = 0; x < pixels; ++x)
-    out.store(x, (row[x >> 3] & (0x80u >> (x & 7))) != 0);
+    out.store(x, (row[x >> 3] & (msbRow ? 0x80u >> (x & 7) : 1u << (x & 7))) != 0);
 }
 
 // How the image's pixels meet the coded samples.
@@ -509,7 +510,7 @@ bool planeStreamBytes(const RowLayout &layout, int64_t &total) {
     if (width == 0 || rows == 0) continue;
     int64_t rowBits = 0, passBytes = 0;
     if (__builtin_mul_overflow(width, int64_t{layout.pixelDepth()}, &rowBits) ||
-        __builtin_mul_overflow(rowBits / 8 + 2, rows, &passBytes) ||
+        __builtin_mul_overflow((rowBits + 7) / 8 + 1, rows, &passBytes) ||
         __builtin_add_overflow(total, passBytes, &total))
       return false;
   }
@@ -523,8 +524,9 @@ constexpr int blockHeight[7] = {8, 8, 4, 4, 2, 2, 1};
 // The image's side of expansion: decoded full rows into its lines.
 class RowUnpacker {
  public:
-  RowUnpacker(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, Kind kind, bool bmp)
-      : ctx_(ctx), image_(image), layout_(layout), kind_(kind), bmp_(bmp) {}
+  RowUnpacker(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, Kind kind,
+              int32_t rowOrder, bool bmp)
+      : ctx_(ctx), image_(image), layout_(layout), kind_(kind), rowOrder_(rowOrder), bmp_(bmp) {}
 
   int unpack(const uint8_t *row, int64_t y, int64_t z, int64_t t) const {
     const int32_t *d = image_.dimension;
@@ -539,7 +541,7 @@ class RowUnpacker {
       uint8_t *line = lineForUpdate(ctx_, image_.stream, offset);
       if (!line) return Zel003b(ctx_);
       if (kind_ == Kind::Bits)
-        rowToBits(image_, row, pixels, line, offset % 8);
+        rowToBits(image_, row, pixels, rowOrder_, line, offset % 8);
       else if (kind_ == Kind::Bytes && layout_.channels == 1 && layout_.bitDepth == 8)
         std::memcpy(line, row, static_cast<size_t>(pixels));
       else if (kind_ == Kind::Bytes)
@@ -576,6 +578,7 @@ class RowUnpacker {
   AccessFrame &image_;
   const RowLayout &layout_;
   Kind kind_;
+  int32_t rowOrder_;
   bool bmp_;
 };
 
@@ -707,7 +710,8 @@ int expandPlanes(ZelContext *ctx, AccessFrame &in, AccessFrame &out, const RowLa
   int64_t planes = int64_t{in.dimension[AxisZ]} * in.dimension[AxisT];
   if (!streamCanHold(layout, planes, in.object->size)) return refuse(ctx, 22);
   RowDecoder decoder(ctx, in.stream, in.object->size);
-  RowUnpacker unpacker(ctx, out, layout, kind, out.object->pixelInterpretation == ZelBmp);
+  RowUnpacker unpacker(ctx, out, layout, kind, in.bitOrder,
+                       out.object->pixelInterpretation == ZelBmp);
   PlaneReader reader(ctx, layout, decoder, unpacker);
   if (int code = decoder.start()) return code;
   if (int code = reader.setUp()) return code;
@@ -719,6 +723,30 @@ int expandPlanes(ZelContext *ctx, AccessFrame &in, AccessFrame &out, const RowLa
       if (code == 0 && !(layout.interlaced && lastPass < 6)) code = decoder.endPlane(last);
       if (code) return code;
     }
+  return 0;
+}
+
+// All passes of one plane through the encoder; rows of Adam7 passes are taken from full rows.
+int writePlane(RowEncoder &encoder, const RowPacker &packer, uint8_t *full, const RowLayout &layout,
+               int passes, int64_t z, int64_t t) {
+  for (int p = 0; p < passes; ++p) {
+    const Pass pass = layout.interlaced ? adam7[p] : Pass{0, 1, 0, 1};
+    int64_t width = passExtent(layout.width, pass.colStart, pass.colStep);
+    int64_t rows = passExtent(layout.height, pass.rowStart, pass.rowStep);
+    if (width == 0 || rows == 0) continue;
+    encoder.newPass();
+    int64_t bytes = layout.rowBytes(width);
+    for (int64_t k = 0; k < rows; ++k) {
+      int64_t y = pass.rowStart + k * pass.rowStep;
+      uint8_t *row = encoder.row(bytes);
+      uint8_t *target = layout.interlaced ? full : row;
+      if (layout.interlaced)
+        std::memset(target, 0, static_cast<size_t>(layout.rowBytes(layout.width)));
+      if (int code = packer.pack(y, z, t, target)) return code;
+      if (layout.interlaced) takePass(target, pass, width, layout.pixelDepth(), row);
+      if (int code = encoder.put(bytes)) return code;
+    }
+  }
   return 0;
 }
 
@@ -738,7 +766,8 @@ bool canWriteImage(const AccessFrame &image, const RowLayout &layout) noexcept {
 }
 
 int writeImage(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, int32_t bitOrder,
-               const DeflateOptions &options, int64_t planes, DeflateSink &sink) noexcept {
+               const DeflateOptions &options, const int32_t (&planes)[2],
+               DeflateSink &sink) noexcept {
   Kind kind;
   if (!canWriteImage(image, layout) || !kindOf(image, layout, kind)) return refuse(ctx, 10);
   RowEncoder encoder(ctx, layout, options, sink);
@@ -747,29 +776,11 @@ int writeImage(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, int
   Block<uint8_t> full = clearedBytes(ctx, layout.rowBytes(layout.width) + 1);
   if (!full) return -1;
   int passes = layout.interlaced ? 7 : 1;
-  int64_t planesZ = std::max<int64_t>(image.dimension[AxisZ], 1);
-  for (int64_t plane = 0; plane < planes; ++plane) {
-    int64_t z = plane % planesZ, t = plane / planesZ;
-    for (int p = 0; p < passes; ++p) {
-      const Pass pass = layout.interlaced ? adam7[p] : Pass{0, 1, 0, 1};
-      int64_t width = passExtent(layout.width, pass.colStart, pass.colStep);
-      int64_t rows = passExtent(layout.height, pass.rowStart, pass.rowStep);
-      if (width == 0 || rows == 0) continue;
-      encoder.newPass();
-      int64_t bytes = layout.rowBytes(width);
-      for (int64_t k = 0; k < rows; ++k) {
-        int64_t y = pass.rowStart + k * pass.rowStep;
-        uint8_t *row = encoder.row(bytes);
-        uint8_t *target = layout.interlaced ? full.get() : row;
-        if (layout.interlaced)
-          std::memset(target, 0, static_cast<size_t>(layout.rowBytes(layout.width)));
-        if (int code = packer.pack(y, z, t, target)) return code;
-        if (layout.interlaced) takePass(target, pass, width, layout.pixelDepth(), row);
-        if (int code = encoder.put(bytes)) return code;
-      }
+  for (int64_t t = 0; t < planes[1]; ++t)
+    for (int64_t z = 0; z < planes[0]; ++z) {
+      if (int code = writePlane(encoder, packer, full.get(), layout, passes, z, t)) return code;
+      if (int code = encoder.finish()) return code;
     }
-    if (int code = encoder.finish()) return code;
-  }
   return 0;
 }
 
@@ -791,7 +802,7 @@ int compressPngDeflate(ZelContext *ctx, ZelObject *image, ZelObject *compressed)
   options.level = compressed->compressionLevel;
   if (options.level < 1 || options.level > 9) return refuse(ctx, 12);
   BareStreamSink sink(ctx, out->stream);
-  int64_t planes = int64_t{out->dimension[AxisZ]} * out->dimension[AxisT];
+  const int32_t planes[2] = {out->dimension[AxisZ], out->dimension[AxisT]};
   if (int code = writeImage(ctx, *in, layout, out->bitOrder, options, planes, sink)) return code;
   if (sink.offset() > INT32_MAX) return refuse(ctx, 3);
   compressed->size = static_cast<int32_t>(sink.offset());

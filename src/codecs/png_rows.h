@@ -62,11 +62,13 @@ bool streamCanHold(const RowLayout &layout, int64_t planes, int64_t size) noexce
 bool canWriteImage(const AccessFrame &image, const RowLayout &layout) noexcept;
 
 // The pixels of the image behind `image`, from its first lines on, as rows of `layout` through
-// zlib into `sink`: `planes` planes (z within t), each one complete zlib stream. Rows and
+// zlib into `sink`: planes[0] x planes[1] planes (z within t), each one complete zlib stream,
+// at the same z and t in the image. Rows and
 // planes that the image doesn't have are coded as zeros. A `Boolean` image codes its bits in
 // `bitOrder`; the image must have the layout's bands. 0 or the code after reporting.
 int writeImage(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, int32_t bitOrder,
-               const DeflateOptions &options, int64_t planes, DeflateSink &sink) noexcept;
+               const DeflateOptions &options, const int32_t (&planes)[2],
+               DeflateSink &sink) noexcept;
 
 // Both directions of PngDeflate between a plain image and a compressed object.
 int compressPngDeflate(ZelContext *ctx, ZelObject *image, ZelObject *compressed) noexcept;

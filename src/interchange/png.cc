@@ -275,7 +275,8 @@ int writePixels(ZelContext *ctx, AccessFrame &image, const Header &header, Chunk
   options.level = Z_DEFAULT_COMPRESSION;
   options.strategy = noneAlone ? Z_DEFAULT_STRATEGY : Z_FILTERED;
   IdatSink sink(out);
-  return codec::writeImage(ctx, image, layout, ZelMostSignificantFirst, options, 1, sink);
+  const int32_t onePlane[2] = {1, 1};
+  return codec::writeImage(ctx, image, layout, ZelMostSignificantFirst, options, onePlane, sink);
 }
 
 // PngDeflate data as the object holds them, in IDAT chunks.
