@@ -31,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench_support.h"
 #include "zel.h"
 
 namespace {
@@ -189,14 +190,8 @@ const std::string &commonInput(Content content) {
 
 // ---- The library ------------------------------------------------------------------------------
 
-class Context {
+class Context : public zel::bench::ContextOwner {
  public:
-  Context() : ctx_(Zel004(nullptr)) {}
-  ~Context() { Zel001(ctx_); }
-  Context(const Context &) = delete;
-  Context &operator=(const Context &) = delete;
-  ZelContext *get() const { return ctx_; }
-
   // A work-space ColourImage of three bands, filled from interleaved `rgb` when given.
   ZelObject *colourImage(const std::vector<uint8_t> *rgb) {
     ZelAttribute shape[] = {{"xDimension", side},
@@ -218,9 +213,6 @@ class Context {
     ZelAttribute where[] = {{"repository", ZelWorkSpace}};
     return Zel000a(ctx_, nullptr, nullptr, where, 1);
   }
-
- private:
-  ZelContext *ctx_;
 };
 
 // True when `image` holds the pixels of `content`.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "bench_support.h"
 #include "zel.h"
 
 namespace {
@@ -34,13 +35,8 @@ std::vector<float> randomReals(uint32_t seed) {
   return values;
 }
 
-class Context {
+class Context : public zel::bench::ContextOwner {
  public:
-  Context() : ctx_(Zel004(nullptr)) {}
-  ~Context() { Zel001(ctx_); }
-  Context(const Context &) = delete;
-  Context &operator=(const Context &) = delete;
-
   // A work-space image of `type`, filled from `data` when given.
   ZelObject *image(int type, const void *data = nullptr) {
     ZelAttribute shape[] = {{"xDimension", side},
@@ -51,10 +47,6 @@ class Context {
     if (data) Zel609(ctx_, const_cast<void *>(data), object, nullptr, 0);
     return object;
   }
-  ZelContext *get() const { return ctx_; }
-
- private:
-  ZelContext *ctx_;
 };
 
 template <class Call>

@@ -72,10 +72,9 @@ bool isDetectable(int format) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  int count = 0;
-  if (!zel::fuzz::sizeAsInt(size, count)) return -1;
-  const uint8_t *bytes = zel::fuzz::bytesOf(data);
-  ZelContext *ctx = zel::fuzz::sharedContext();
+  zel::fuzz::Input input;
+  if (!zel::fuzz::inputOf(data, size, input)) return -1;
+  auto [bytes, count, ctx] = input;
   zel::fuzz::forgetLastFailure(ctx);
 
   int format = Zel705w(ctx, bytes, count);

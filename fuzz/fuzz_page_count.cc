@@ -38,10 +38,9 @@ void countAs(ZelContext *ctx, const uint8_t *bytes, int size, int format, int he
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  int count = 0;
-  if (!zel::fuzz::sizeAsInt(size, count)) return -1;
-  const uint8_t *bytes = zel::fuzz::bytesOf(data);
-  ZelContext *ctx = zel::fuzz::sharedContext();
+  zel::fuzz::Input input;
+  if (!zel::fuzz::inputOf(data, size, input)) return -1;
+  auto [bytes, count, ctx] = input;
 
   // TIFF: "II" with 42 little-endian or "MM" with 42 big-endian; each directory offset is
   // beyond the one before and within the input, so at most one page per byte.

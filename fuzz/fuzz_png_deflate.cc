@@ -29,10 +29,9 @@ ZelObject *create(ZelContext *ctx, const ZelAttribute *list, int count) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  int count = 0;
-  if (!zel::fuzz::sizeAsInt(size, count) || count < 4) return -1;
-  const uint8_t *bytes = zel::fuzz::bytesOf(data);
-  ZelContext *ctx = zel::fuzz::sharedContext();
+  zel::fuzz::Input input;
+  if (!zel::fuzz::inputOf(data, size, input) || input.count < 4) return -1;
+  auto [bytes, count, ctx] = input;
   const Layout &layout = layouts[bytes[0] % layoutCount];
   int width = 1 + bytes[1] % 64, height = 1 + bytes[2] % 64;
   bool png = (bytes[3] & 1) != 0, interlaced = (bytes[3] & 2) != 0;

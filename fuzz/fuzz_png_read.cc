@@ -63,10 +63,9 @@ void readOnce(ZelContext *ctx, const uint8_t *bytes, int count, bool fromMemory)
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  int count = 0;
-  if (!zel::fuzz::sizeAsInt(size, count)) return -1;
-  const uint8_t *bytes = zel::fuzz::bytesOf(data);
-  ZelContext *ctx = zel::fuzz::sharedContext();
+  zel::fuzz::Input input;
+  if (!zel::fuzz::inputOf(data, size, input)) return -1;
+  auto [bytes, count, ctx] = input;
   readOnce(ctx, bytes, count, true);
   readOnce(ctx, bytes, count, false);
   return 0;

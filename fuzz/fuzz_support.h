@@ -39,17 +39,20 @@ inline void forgetLastFailure(ZelContext *ctx) {
   ctx->lastError = 0;
 }
 
-// The byte count of an input as the library's `int`; false for inputs beyond its range.
-inline bool sizeAsInt(size_t size, int &value) {
-  if (size > static_cast<size_t>(INT_MAX)) return false;
-  value = static_cast<int>(size);
-  return true;
-}
+// An input as the library's calls take it: bytes that are never null (libFuzzer may hand over
+// an empty input without a buffer), their count as the library's `int`, and the shared context.
+struct Input {
+  const uint8_t *bytes;
+  int count;
+  ZelContext *ctx;
+};
 
-// Never null: libFuzzer may hand over an empty input without a buffer.
-inline const uint8_t *bytesOf(const uint8_t *data) {
+// False for inputs beyond the range of the library's `int`.
+inline bool inputOf(const uint8_t *data, size_t size, Input &input) {
   static const uint8_t none = 0;
-  return data ? data : &none;
+  if (size > static_cast<size_t>(INT_MAX)) return false;
+  input = {data ? data : &none, static_cast<int>(size), sharedContext()};
+  return true;
 }
 
 // Objects in use anywhere in the context's tree, free records not counted.

@@ -33,34 +33,6 @@ constexpr int kRepositories[] = {ZelWorkSpace, ZelApplicationAddressSpace, ZelFi
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kInfinity = std::numeric_limits<float>::infinity();
 
-std::string repositoryName(int repository) {
-  switch (repository) {
-    case ZelWorkSpace:
-      return "WorkSpace";
-    case ZelApplicationAddressSpace:
-      return "ApplicationMemory";
-    case ZelFile:
-      return "File";
-    default:
-      return "Repository" + std::to_string(repository);
-  }
-}
-
-std::string typeName(int type) {
-  switch (type) {
-    case ZelBoolean:
-      return "Boolean";
-    case ZelNonNegative:
-      return "NonNegative";
-    case ZelSigned:
-      return "Signed";
-    case ZelReal:
-      return "Real";
-    default:
-      return "Type" + std::to_string(type);
-  }
-}
-
 // Bits of one pixel of each type as this host stores it.
 int bitsOf(int type) {
   switch (type) {

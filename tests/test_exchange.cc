@@ -31,27 +31,6 @@ using namespace zel::test::operators;
 
 const int kTypes[] = {ZelBoolean, ZelNonNegative, ZelSigned, ZelReal};
 
-std::string typeName(int type) {
-  switch (type) {
-    case ZelBoolean:
-      return "Boolean";
-    case ZelNonNegative:
-      return "NonNegative";
-    case ZelSigned:
-      return "Signed";
-    case ZelReal:
-      return "Real";
-    case ZelWord:
-      return "Word";
-    default:
-      return "Type" + std::to_string(type);
-  }
-}
-
-std::string repositoryName(int repository) {
-  return repository == ZelFile ? "File" : repository == ZelWorkSpace ? "WorkSpace" : "Memory";
-}
-
 // Bytes of one element; Boolean pixels are bits.
 size_t elementBytes(int type) {
   switch (type) {

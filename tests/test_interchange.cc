@@ -31,23 +31,6 @@ using namespace zel::test::operators;
 const int kPixelTypes[] = {ZelBoolean, ZelNonNegative, ZelSigned, ZelReal};
 const int kRepositories[] = {ZelWorkSpace, ZelFile, ZelApplicationAddressSpace};
 
-std::string nameOfType(int type) {
-  switch (type) {
-    case ZelBoolean:
-      return "Boolean";
-    case ZelNonNegative:
-      return "NonNegative";
-    case ZelSigned:
-      return "Signed";
-    case ZelReal:
-      return "Real";
-    case ZelWord:
-      return "Word";
-    default:
-      return std::to_string(type);
-  }
-}
-
 std::string nameOfExtent(const Extent &extent) {
   std::string text;
   for (int e : extent)
@@ -227,7 +210,7 @@ class Interchange : public OperatorFixture {
     ZelObject *object = type == ZelWord ? Zel000d(ctx_, nullptr, nullptr, list.data(), count)
                                         : Zel000b(ctx_, nullptr, nullptr, list.data(), count);
     if (!object) {
-      ADD_FAILURE() << "no object of type " << nameOfType(type);
+      ADD_FAILURE() << "no object of type " << typeName(type);
       return nullptr;
     }
     if (repository == ZelApplicationAddressSpace) {
@@ -356,7 +339,7 @@ TEST_P(InterchangeRoundTrip, WritingReplacesAnOlderLongerFile) {
 INSTANTIATE_TEST_SUITE_P(EveryType, InterchangeRoundTrip,
                          ::testing::Values(ZelBoolean, ZelNonNegative, ZelSigned, ZelReal, ZelWord),
                          [](const ::testing::TestParamInfo<int> &param) {
-                           return nameOfType(param.param);
+                           return typeName(param.param);
                          });
 
 TEST_F(Interchange, ReadTakesTheShapeOfTheObjectFromALongerFile) {
@@ -386,7 +369,7 @@ TEST_F(Interchange, ReadConvertsTheTypeTheListGivesTheFileIntoTheObjectsType) {
     const std::vector<uint8_t> memory = encode(file);
     for (int to : kPixelTypes) {
       for (bool fromMemory : {false, true}) {
-        SCOPED_TRACE(nameOfType(from) + " file into " + nameOfType(to) +
+        SCOPED_TRACE(typeName(from) + " file into " + typeName(to) +
                      (fromMemory ? " from memory" : ""));
         const Values before = edgeValues(to);
         ZelObject *object = holding(before);
@@ -418,7 +401,7 @@ TEST_F(Interchange, WriteConvertsTheObjectsTypeIntoTheTypeTheListGivesTheFile) {
     ZelObject *object = holding(values);
     ASSERT_NE(object, nullptr);
     for (int to : kPixelTypes) {
-      SCOPED_TRACE(nameOfType(from) + " object into a " + nameOfType(to) + " file");
+      SCOPED_TRACE(typeName(from) + " object into a " + typeName(to) + " file");
       const ZelAttribute list[] = {{"dataType", to}};
       const Snapshot clean = snapshot();
       const int result = Zel702(ctx_, object, "typed.raw", 0, list, 1);

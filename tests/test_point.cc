@@ -48,23 +48,6 @@ int elementBits(int type) {
   }
 }
 
-std::string typeName(int type) {
-  switch (type) {
-    case ZelBoolean:
-      return "Boolean";
-    case ZelNonNegative:
-      return "NonNegative";
-    case ZelSigned:
-      return "Signed";
-    case ZelReal:
-      return "Real";
-    case ZelWord:
-      return "Word";
-    default:
-      return "Type" + std::to_string(type);
-  }
-}
-
 // The pixels of one object of any type, one value a pixel, in the order of the data.
 struct Picture {
   int type = ZelNonNegative;

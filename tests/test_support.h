@@ -20,6 +20,37 @@
 
 namespace zel::test {
 
+// Names of pixel types and repositories, for test parameters and traces.
+inline std::string typeName(int type) {
+  switch (type) {
+    case ZelBoolean:
+      return "Boolean";
+    case ZelNonNegative:
+      return "NonNegative";
+    case ZelSigned:
+      return "Signed";
+    case ZelReal:
+      return "Real";
+    case ZelWord:
+      return "Word";
+    default:
+      return "Type" + std::to_string(type);
+  }
+}
+
+inline std::string repositoryName(int repository) {
+  switch (repository) {
+    case ZelWorkSpace:
+      return "WorkSpace";
+    case ZelApplicationAddressSpace:
+      return "ApplicationMemory";
+    case ZelFile:
+      return "File";
+    default:
+      return "Repository" + std::to_string(repository);
+  }
+}
+
 // A context that is closed when the test ends.
 class ContextGuard {
  public:

@@ -224,19 +224,6 @@ Image narrowImage(std::mt19937 &rng, const Extent &extent, int lowest, int highe
   return image;
 }
 
-const char *repositoryName(int repository) {
-  switch (repository) {
-    case ZelWorkSpace:
-      return "WorkSpace";
-    case ZelApplicationAddressSpace:
-      return "ApplicationMemory";
-    case ZelFile:
-      return "File";
-    default:
-      return "Other";
-  }
-}
-
 // A seed of its own for each named case.
 unsigned seedOf(const char *name) {
   unsigned seed = 2166136261u;

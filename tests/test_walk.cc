@@ -47,19 +47,6 @@ uint8_t apply(int operation, bool boolean, int a, int b) {
   return r.value_or(0);
 }
 
-const char *repositoryName(int repository) {
-  switch (repository) {
-    case ZelWorkSpace:
-      return "WorkSpace";
-    case ZelApplicationAddressSpace:
-      return "ApplicationMemory";
-    case ZelFile:
-      return "File";
-    default:
-      return "Unknown";
-  }
-}
-
 const char *const kAxisNames[] = {"X", "Y", "Z", "T", "B"};
 
 // ---- The region of work -------------------------------------------------------------------------

@@ -171,10 +171,16 @@ constexpr Extension outputExtensions[] = {
 // Formats whose writers interlace on request.
 constexpr int interlacingFormats[] = {ZelPng, ZelGif};
 
+// Appends `word` to a list of words parted by blanks.
+void appendWord(std::string &words, std::string_view word) {
+  if (!words.empty()) words += ' ';
+  words += word;
+}
+
 std::string knownExtensions() {
   std::string known;
   for (const Extension &extension : outputExtensions)
-    known += (known.empty() ? "" : " ") + std::string(extension.suffix);
+    appendWord(known, extension.suffix);
   return known;
 }
 
@@ -705,8 +711,7 @@ int info(std::span<const std::string_view> args) {
                        nullptr, 0));
   std::string dimensions;
   for (const char *axis : {"xDimension", "yDimension", "zDimension", "tDimension", "bDimension"})
-    dimensions +=
-        (dimensions.empty() ? "" : " ") + std::to_string(attribute(session, image.get(), axis));
+    appendWord(dimensions, std::to_string(attribute(session, image.get(), axis)));
   printLine("format", nameOf(fileFormats, format));
   printLine("pages", std::to_string(pages));
   printLine("dimensions", dimensions);

@@ -34,6 +34,12 @@ struct AccessFrame {
 extern const uint8_t msbSet[8];
 extern const uint8_t msbClear[8];
 
+// Pixel offset of the line (y, z, t, b) in the frame's object.
+inline int64_t lineOffset(const AccessFrame &frame, int64_t y, int64_t z, int64_t t, int64_t b) {
+  const int32_t *d = frame.dimension;
+  return (((b * d[AxisT] + t) * d[AxisZ] + z) * d[AxisY] + y) * d[AxisX];
+}
+
 // `options` may hold {"matchPointState", nonzero} and {"roiState", nonzero}: what the operator
 // honours; the context's settings decide whether they apply. Null after reporting.
 AccessFrame *openAccessFrame(ZelContext *ctx, ZelObject *object, const char *mode, int bufferLines,

@@ -8,11 +8,6 @@
 namespace zel::codec {
 namespace {
 
-int refuse(ZelContext *ctx, int code) {
-  reportError(ctx, code);
-  return code;
-}
-
 enum class Direction { Compress, Expand };
 
 // Both directions check the same: a plain image and a compressed object of a known family.

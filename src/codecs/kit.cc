@@ -83,7 +83,7 @@ StagingBuffer::StagingBuffer(ZelContext *ctx, RepositoryStream *stream, int64_t 
                              bool reverse) noexcept
     : ctx_(ctx),
       stream_(stream),
-      block_(static_cast<uint8_t *>(allocZeroed(ctx, static_cast<size_t>(capacity)))),
+      block_(allocBytes(ctx, capacity)),
       capacity_(capacity),
       reverse_(reverse) {}
 

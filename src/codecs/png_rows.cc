@@ -22,15 +22,6 @@ constexpr int64_t zlibBufferBytes = 8192;
 // measure can't hold them, whatever its header says.
 constexpr int64_t largestInflation = 1032;
 
-int refuse(ZelContext *ctx, int code) {
-  reportError(ctx, code);
-  return code;
-}
-
-Block<uint8_t> clearedBytes(ZelContext *ctx, int64_t bytes) {
-  return Block<uint8_t>(static_cast<uint8_t *>(allocZeroed(ctx, static_cast<size_t>(bytes))));
-}
-
 // ---- Filters -------------------------------------------------------------------------------
 
 enum FilterType : uint8_t { None, Sub, Up, Average, Paeth };
@@ -182,31 +173,39 @@ void gatherBand(const uint8_t *row, int64_t pixels, int band, const RowLayout &l
   }
 }
 
+bool mostSignificantFirst(const AccessFrame &image) {
+  return image.bitSetTable == nullptr || image.bitSetTable[0] == 0x80;
+}
+
+// Bit masks of pixel x of a coded row in its bit order.
+struct RowBits {
+  bool msb;
+  unsigned operator()(int64_t x) const { return msb ? 0x80u >> (x & 7) : 1u << (x & 7); }
+};
+
 // The bits of a Boolean line in the order of the coded row, and back.
 void bitsToRow(const AccessFrame &image, const uint8_t *line, int64_t bitOffset, int64_t pixels,
                int32_t rowOrder, uint8_t *row) {
-  bool msbImage = image.bitSetTable == nullptr || image.bitSetTable[0] == 0x80;
-  bool msbRow = rowOrder != ZelLeastSignificantFirst;
-  if (msbImage && msbRow) {
+  const RowBits mask{rowOrder != ZelLeastSignificantFirst};
+  if (mostSignificantFirst(image) && mask.msb) {
     realignBooleanLine(line, bitOffset, pixels, row);
     return;
   }
   auto in = bitPixelsOf(image).at({const_cast<uint8_t *>(line), bitOffset});
   for (int64_t x = 0; x < pixels; ++x)
-    if (in.load(x)) row[x >> 3] |= static_cast<uint8_t>(msbRow ? 0x80u >> (x & 7) : 1u << (x & 7));
+    if (in.load(x)) row[x >> 3] |= static_cast<uint8_t>(mask(x));
 }
 
 void rowToBits(const AccessFrame &image, const uint8_t *row, int64_t pixels, int32_t rowOrder,
                uint8_t *line, int64_t bitOffset) {
-  bool msbImage = image.bitSetTable == nullptr || image.bitSetTable[0] == 0x80;
-  bool msbRow = rowOrder != ZelLeastSignificantFirst;
-  if (msbImage && msbRow) {
+  const RowBits mask{rowOrder != ZelLeastSignificantFirst};
+  if (mostSignificantFirst(image) && mask.msb) {
     mergeBooleanLine(line, bitOffset, pixels, row);
     return;
   }
   auto out = bitPixelsOf(image).at({line, bitOffset});
   for (int64_t x = 0; x < pixels; ++x)
-    out.store(x, (row[x >> 3] & (msbRow ? 0x80u >> (x & 7) : 1u << (x & 7))) != 0);
+    out.store(x, (row[x >> 3] & mask(x)) != 0);
 }
 
 // How the image's pixels meet the coded samples.
@@ -227,11 +226,6 @@ bool kindOf(const AccessFrame &image, const RowLayout &layout, Kind &kind) {
   else
     return false;
   return layout.channels >= 1 && layout.channels <= 4;
-}
-
-int64_t lineOffset(const AccessFrame &frame, int64_t y, int64_t z, int64_t t, int64_t b) {
-  const int32_t *d = frame.dimension;
-  return (((b * d[AxisT] + t) * d[AxisZ] + z) * d[AxisY] + y) * d[AxisX];
 }
 
 // Whole rows of the image, where it has them, packed as the layout codes them.
@@ -287,14 +281,14 @@ class RowEncoder {
   int start() {
     int64_t bytes = layout_.rowBytes(layout_.width) + 1;
     int set = options_.filterSet;
-    row_ = clearedBytes(ctx_, bytes);
-    output_ = clearedBytes(ctx_, zlibBufferBytes);
+    row_ = allocBytes(ctx_, bytes);
+    output_ = allocBytes(ctx_, zlibBufferBytes);
     bool ok = row_ && output_;
-    if (set > noneFilterOnly) ok = ok && (previous_ = clearedBytes(ctx_, bytes));
-    if (set & 16) ok = ok && (candidates_[Sub] = clearedBytes(ctx_, bytes));
-    if (set & 32) ok = ok && (candidates_[Up] = clearedBytes(ctx_, bytes));
-    if (set & 64) ok = ok && (candidates_[Average] = clearedBytes(ctx_, bytes));
-    if (set & 128) ok = ok && (candidates_[Paeth] = clearedBytes(ctx_, bytes));
+    if (set > noneFilterOnly) ok = ok && (previous_ = allocBytes(ctx_, bytes));
+    if (set & 16) ok = ok && (candidates_[Sub] = allocBytes(ctx_, bytes));
+    if (set & 32) ok = ok && (candidates_[Up] = allocBytes(ctx_, bytes));
+    if (set & 64) ok = ok && (candidates_[Average] = allocBytes(ctx_, bytes));
+    if (set & 128) ok = ok && (candidates_[Paeth] = allocBytes(ctx_, bytes));
     if (!ok) return -1;
     for (int type = Sub; type <= Paeth; ++type)
       if (candidates_[type]) candidates_[type].get()[0] = static_cast<uint8_t>(type);
@@ -431,7 +425,7 @@ class RowDecoder {
   }
 
   int start() {
-    input_ = clearedBytes(ctx_, zlibBufferBytes);
+    input_ = allocBytes(ctx_, zlibBufferBytes);
     if (!input_) return -1;
     int result = inflateInit(&zlib_);
     if (result == Z_MEM_ERROR) return refuse(ctx_, -1);
@@ -591,8 +585,8 @@ class PlaneReader {
 
   int setUp() {
     rowBytes_ = layout_.rowBytes(layout_.width);
-    row_ = clearedBytes(ctx_, rowBytes_ + 1);
-    previous_ = clearedBytes(ctx_, rowBytes_ + 1);
+    row_ = allocBytes(ctx_, rowBytes_ + 1);
+    previous_ = allocBytes(ctx_, rowBytes_ + 1);
     if (!row_ || !previous_) return -1;
     if (layout_.interlaced) {
       work_ = Block<uint8_t>(static_cast<uint8_t *>(allocZeroedArray(
@@ -726,6 +720,12 @@ int expandPlanes(ZelContext *ctx, AccessFrame &in, AccessFrame &out, const RowLa
   return 0;
 }
 
+// The kind of an image that the layout's rows can be made of, with all the bands they take.
+bool writableKind(const AccessFrame &image, const RowLayout &layout, Kind &kind) {
+  return validDepth(layout) && kindOf(image, layout, kind) &&
+         image.dimension[AxisB] >= layout.channels;
+}
+
 // All passes of one plane through the encoder; rows of Adam7 passes are taken from full rows.
 int writePlane(RowEncoder &encoder, const RowPacker &packer, uint8_t *full, const RowLayout &layout,
                int passes, int64_t z, int64_t t) {
@@ -761,19 +761,18 @@ bool streamCanHold(const RowLayout &layout, int64_t planes, int64_t size) noexce
 
 bool canWriteImage(const AccessFrame &image, const RowLayout &layout) noexcept {
   Kind kind;
-  return validDepth(layout) && kindOf(image, layout, kind) &&
-         image.dimension[AxisB] >= layout.channels;
+  return writableKind(image, layout, kind);
 }
 
 int writeImage(ZelContext *ctx, AccessFrame &image, const RowLayout &layout, int32_t bitOrder,
                const DeflateOptions &options, const int32_t (&planes)[2],
                DeflateSink &sink) noexcept {
   Kind kind;
-  if (!canWriteImage(image, layout) || !kindOf(image, layout, kind)) return refuse(ctx, 10);
+  if (!writableKind(image, layout, kind)) return refuse(ctx, 10);
   RowEncoder encoder(ctx, layout, options, sink);
   if (int code = encoder.start()) return code;
   RowPacker packer(ctx, image, layout, kind, bitOrder);
-  Block<uint8_t> full = clearedBytes(ctx, layout.rowBytes(layout.width) + 1);
+  Block<uint8_t> full = allocBytes(ctx, layout.rowBytes(layout.width) + 1);
   if (!full) return -1;
   int passes = layout.interlaced ? 7 : 1;
   for (int64_t t = 0; t < planes[1]; ++t)

@@ -257,7 +257,7 @@ class Slurped {
     } else if (size == 0) {
       code = refuse(ctx, 8);  // memory input needs at least one byte to be bounded by
     } else if (size < slurpLimit || format != ZelTiff) {
-      block_.reset(static_cast<uint8_t *>(allocZeroed(ctx, static_cast<size_t>(size))));
+      block_ = allocBytes(ctx, size);
       if (!block_)
         code = -1;
       else if (!platform::readAt(file, block_.get(), static_cast<size_t>(size), 0))

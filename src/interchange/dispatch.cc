@@ -238,11 +238,6 @@ ZelObject *emptyPagesOver(ZelContext *ctx, ZelObject *object) noexcept {
   return pages;
 }
 
-int refuse(ZelContext *ctx, int code) noexcept {
-  reportError(ctx, code);
-  return code;
-}
-
 Block<ZelAttribute> appendAttributes(ZelContext *ctx, const ZelAttribute *list, int listCount,
                                      std::span<const ZelAttribute> extra, int &count) noexcept {
   int64_t total = int64_t{listCount} + static_cast<int64_t>(extra.size());

@@ -35,11 +35,6 @@ Region regionOf(const AccessFrame &in, const AccessFrame &out) {
   return region;
 }
 
-int64_t lineOffset(const AccessFrame &frame, int64_t y, int64_t z, int64_t t, int64_t b) {
-  const int32_t *d = frame.dimension;
-  return (((b * d[AxisT] + t) * d[AxisZ] + z) * d[AxisY] + y) * d[AxisX];
-}
-
 // Moves the region's part of one line.
 void moveLine(const AccessFrame &in, const uint8_t *from, int64_t fromOffset,
               const AccessFrame &out, uint8_t *to, int64_t toOffset, const Region &region) {

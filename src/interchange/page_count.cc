@@ -3,22 +3,11 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "interchange/common.h"
 #include "kernel/context.h"
 
 namespace zel::interchange {
 namespace {
-
-int refuse(ZelContext *ctx, int code) {
-  reportError(ctx, code);
-  return code;
-}
-
-uint32_t bigEndian(const uint8_t *bytes, int count) {
-  uint32_t value = 0;
-  for (int i = 0; i < count; ++i)
-    value = value << 8 | bytes[i];
-  return value;
-}
 
 uint32_t littleEndian(const uint8_t *bytes, int count) {
   uint32_t value = 0;

@@ -22,10 +22,6 @@ constexpr uint8_t signature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
 constexpr int64_t workBytes = 8192;
 constexpr uint32_t largestChunk = 0x7FFFFFFF;
 
-uint32_t bigEndian32(const uint8_t *b) {
-  return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
-}
-
 void putBigEndian32(uint8_t *b, uint32_t v) {
   b[0] = static_cast<uint8_t>(v >> 24);
   b[1] = static_cast<uint8_t>(v >> 16 & 0xFF);
@@ -212,9 +208,8 @@ int writePalette(ZelContext *ctx, ChunkWriter &out, ZelObject *lut, int32_t &cou
   if (table->stream->bitsPerPixel != 8) return refuse(ctx, 12);
   count = paletteCount(lut);
   uint8_t data[3 * 256];
-  const int32_t *d = table->dimension;
   for (int band = 0; band < 3; ++band) {
-    int64_t offset = int64_t{band} * d[AxisT] * d[AxisZ] * d[AxisY] * d[AxisX];
+    int64_t offset = lineOffset(*table, 0, 0, 0, band);
     const uint8_t *line = readLine(ctx, table->stream, offset);
     if (!line) return Zel003b(ctx);
     for (int32_t i = 0; i < count; ++i)
@@ -227,7 +222,7 @@ int writePalette(ZelContext *ctx, ChunkWriter &out, ZelObject *lut, int32_t &cou
 int writeCopyright(ZelContext *ctx, ChunkWriter &out, const char *text) {
   constexpr char keyword[] = "Copyright ";
   int64_t length = static_cast<int64_t>(std::strlen(text)) + 11;
-  Block<uint8_t> data(static_cast<uint8_t *>(allocZeroed(ctx, static_cast<size_t>(length))));
+  Block<uint8_t> data = allocBytes(ctx, length);
   if (!data) return -1;
   std::memcpy(data.get(), keyword, 10);
   std::memcpy(data.get() + 10, text, static_cast<size_t>(length - 10));
@@ -283,7 +278,7 @@ int writePixels(ZelContext *ctx, AccessFrame &image, const Header &header, Chunk
 int copyCompressed(ZelContext *ctx, ZelObject *object, ChunkWriter &out) {
   ByteStream in(ctx, object, "r");
   if (!in.get()) return Zel003b(ctx);
-  Block<uint8_t> buffer(static_cast<uint8_t *>(allocZeroed(ctx, workBytes)));
+  Block<uint8_t> buffer = allocBytes(ctx, workBytes);
   if (!buffer) return -1;
   for (int64_t done = 0, total = std::max(object->size, 0); done < total;) {
     int64_t count = std::min(workBytes, total - done);
@@ -347,14 +342,14 @@ class ChunkReader {
     }
     uint8_t stored[4];
     if (int code = source_.read(at + 8 + length, stored, 4)) return code;
-    return bigEndian32(stored) == crc ? 0 : refuse(ctx_, 22);
+    return bigEndian(stored, 4) == crc ? 0 : refuse(ctx_, 22);
   }
 
  private:
   int chunkHead(int64_t at, uint32_t &length, char (&type)[4]) {
     uint8_t head[8];
     if (int code = source_.read(at, head, 8)) return code;
-    length = bigEndian32(head);
+    length = bigEndian(head, 4);
     std::memcpy(type, head + 4, 4);
     // Lengths are checked against the bytes there are before anything is sized by them.
     if (length > largestChunk || at + 12 + int64_t{length} > source_.size) return refuse(ctx_, 22);
@@ -393,8 +388,8 @@ class ChunkReader {
     uint8_t d[13];
     if (int code = checkCrc(at, 13, d, 13)) return code;
     Header &h = scan.header;
-    h.width = bigEndian32(d);
-    h.height = bigEndian32(d + 4);
+    h.width = bigEndian(d, 4);
+    h.height = bigEndian(d + 4, 4);
     h.bitDepth = d[8];
     h.colourType = d[9];
     int depth = h.bitDepth, type = h.colourType;
@@ -415,7 +410,7 @@ class ChunkReader {
     if (!scan.seenHeader || scan.seenPalette || length != 4) return refuse(ctx_, 22);
     uint8_t d[4];
     if (int code = checkCrc(at, 4, d, 4)) return code;
-    scan.gamma = bigEndian32(d) * 0.00001;
+    scan.gamma = bigEndian(d, 4) * 0.00001;
     return 0;
   }
 
@@ -428,12 +423,12 @@ class ChunkReader {
     scan.seenTransparency = true;
     scan.transparencyBytes = static_cast<int32_t>(length);
     for (uint32_t i = 0; type != 3 && i < length / 2; ++i)
-      scan.transparencyValues[i] = scan.transparency[2 * i] << 8 | scan.transparency[2 * i + 1];
+      scan.transparencyValues[i] = static_cast<int32_t>(bigEndian(scan.transparency + 2 * i, 2));
     return 0;
   }
 
   int text(Scan &scan, int64_t at, uint32_t length) {
-    Block<uint8_t> data(static_cast<uint8_t *>(allocZeroed(ctx_, size_t{length} + 1)));
+    Block<uint8_t> data = allocBytes(ctx_, int64_t{length} + 1);
     if (!data) return -1;
     if (int code = checkCrc(at, length, data.get(), length)) return code;
     constexpr char keyword[] = "Copyright";  // with its NUL
@@ -541,7 +536,7 @@ int fillTable(ZelContext *ctx, ZelObject *lut, ChunkReader &reader, const Scan &
   Frame table = openFrame(ctx, lut, "w", 1);
   if (!table) return Zel003b(ctx);
   for (int band = 0; band < 3; ++band) {
-    int64_t offset = int64_t{band} * entries;
+    int64_t offset = lineOffset(*table, 0, 0, 0, band);
     uint8_t *line = lineForUpdate(ctx, table->stream, offset);
     if (!line) return Zel003b(ctx);
     for (int32_t i = 0; i < entries; ++i)
@@ -555,13 +550,13 @@ int fillTable(ZelContext *ctx, ZelObject *lut, ChunkReader &reader, const Scan &
 int copyIdat(ZelContext *ctx, const ByteSource &source, ZelObject *object, const Scan &scan) {
   ByteStream out(ctx, object, "w");
   if (!out.get()) return Zel003b(ctx);
-  Block<uint8_t> piece(static_cast<uint8_t *>(allocZeroed(ctx, workBytes)));
+  Block<uint8_t> piece = allocBytes(ctx, workBytes);
   if (!piece) return -1;
   int64_t copied = 0;
   for (int64_t at = scan.firstIdat; copied < scan.idatBytes;) {
     uint8_t head[8];
     if (int code = source.read(at, head, 8)) return code;
-    uint32_t length = bigEndian32(head);
+    uint32_t length = bigEndian(head, 4);
     if (std::memcmp(head + 4, "IDAT", 4) != 0 || length > scan.idatBytes - copied)
       return refuse(ctx, 22);
     uint32_t crc = crcOf(0, head + 4, 4);
@@ -575,7 +570,7 @@ int copyIdat(ZelContext *ctx, const ByteSource &source, ZelObject *object, const
     }
     uint8_t stored[4];
     if (int code = source.read(at + 8 + length, stored, 4)) return code;
-    if (bigEndian32(stored) != crc) return refuse(ctx, 22);
+    if (bigEndian(stored, 4) != crc) return refuse(ctx, 22);
     at += 12 + int64_t{length};
   }
   object->size = static_cast<int32_t>(scan.idatBytes);

@@ -87,6 +87,12 @@ int checkContext(const ZelContext *ctx) noexcept;
 // unusable context. errno is read before anything else can change it.
 void reportError(ZelContext *ctx, int code) noexcept;
 
+// Reports `code` and returns it, for the many places that refuse an input with a code.
+inline int refuse(ZelContext *ctx, int code) noexcept {
+  reportError(ctx, code);
+  return code;
+}
+
 // Writes "zel: <text>\n" at the start of `fileName`; gives up silently when it can't.
 void writeErrorLog(int code, int savedErrno, const char *fileName) noexcept;
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -30,6 +31,11 @@ struct BlockDeleter {
 };
 template <class T>
 using Block = std::unique_ptr<T, BlockDeleter>;
+
+// `bytes` cleared bytes in a block, or null after reporting -1.
+inline Block<uint8_t> allocBytes(ZelContext *ctx, int64_t bytes) noexcept {
+  return Block<uint8_t>(static_cast<uint8_t *>(allocZeroed(ctx, static_cast<size_t>(bytes))));
+}
 
 // Records with constructors live in blocks from allocZeroed as well.
 template <class T>

@@ -18,11 +18,6 @@ constexpr int levels = 256;
 using Counts = uint64_t[levels];
 using ToneTable = uint8_t[levels];
 
-int refuse(ZelContext *ctx, int code) {
-  reportError(ctx, code);
-  return code;
-}
-
 // Adds every pixel of the source frame's rows, under its mask when one applies, to `counts`.
 // Four tables take turns so that runs of one value don't wait on their own increments.
 bool countLevels(ZelContext *ctx, const AccessFrame &frame, Counts &counts) {
