@@ -529,6 +529,31 @@ TEST_F(Png, TwoBitImageIsWrittenButNotRead) {
   expectRefused(readWritten(back), 22);
 }
 
+TEST_F(Png, SixteenBitImageIsWrittenButNotRead) {
+  std::vector<uint16_t> samples = {0, 1, 255, 256, 4095, 40000, 65534, 65535};
+  ZelObject *deep = generic({{"xDimension", 4},
+                             {"yDimension", 2},
+                             {"dataType", ZelNonNegative},
+                             {"dataPrecision", 16},
+                             {"repository", ZelApplicationAddressSpace},
+                             {"applicationAddressSpace", word(samples.data())}});
+  ASSERT_EQ(write(deep), 0);
+  EXPECT_EQ(written()[24], 16);
+  EXPECT_EQ(written()[25], 0);
+  ZelObject *back = generic();
+  expectRefused(readWritten(back), 22);
+}
+
+TEST_F(Png, UncodablePixelsAreRefusedBeforeTheFileIsMade) {
+  ZelObject *real = generic({{"xDimension", 4},
+                             {"yDimension", 2},
+                             {"dataType", ZelReal},
+                             {"dataPrecision", 8},
+                             {"repository", ZelWorkSpace}});
+  expectRefused(write(real), 10);
+  EXPECT_FALSE(std::filesystem::exists("out.png"));
+}
+
 TEST_F(Png, GreyWithAlphaIsWrittenButNotRead) {
   ZelObject *object = filled(3, 2, 2, ZelNonNegative, 8);
   ASSERT_EQ(write(object), 0);
